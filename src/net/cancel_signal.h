@@ -1,0 +1,26 @@
+#pragma once
+
+#include "util/unique_fd.h"
+
+namespace qm {
+
+/// Cuts short what waits on the network: a connect, a TLS handshake, a read. Raised once, it stays raised; whoever
+/// waits polls fd() beside its socket, so the kernel wakes it at once.
+class CancelSignal {
+public:
+    /// Throws std::system_error if the system has no descriptor left.
+    CancelSignal();
+
+    /// Any thread, any number of times.
+    void cancel();
+
+    bool cancelled() const;
+
+    /// Becomes readable with cancel() and stays so; for poll() only.
+    int fd() const { return event_.get(); }
+
+private:
+    UniqueFd event_;
+};
+
+}  // namespace qm

@@ -1,0 +1,2 @@
+// Gives the target that builds the precompiled header a source file to compile.
+#include "pch.h"

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qm {
+
+enum class LogLevel { Debug, Info, Warn, Error };
+
+/// Writes "[HH:MM:SS] LEVEL message" to standard output, flushed, and keeps it in the ring of recent lines. A line
+/// takes at most 1023 bytes; the rest is cut. Any thread, never throws.
+void log(LogLevel level, std::string_view message) noexcept;
+
+/// The newest lines of the log, at most `count` of at most 300, oldest first, each valid UTF-8. Any thread.
+std::vector<std::string> recentLogLines(std::size_t count);
+
+/// Writes `line` and a line feed to standard output, flushed at once; for lines that carry their own prefix and don't
+/// belong in the log. Any thread.
+void printLine(std::string_view line) noexcept;
+
+}  // namespace qm

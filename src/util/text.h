@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace qm {
+
+/// Space, tab, CR, LF and FF: what surrounds values in files and on terminals.
+inline constexpr std::string_view kFileWhitespace = " \t\r\n\f";
+
+/// `text` without the leading and trailing characters that are in `characters`.
+std::string_view trimmed(std::string_view text, std::string_view characters = kFileWhitespace);
+
+/// `text` without any trailing "/".
+std::string_view withoutTrailingSlashes(std::string_view text);
+
+/// Equality that ignores the case of ASCII letters only, whatever the locale.
+bool equalsIgnoreCase(std::string_view left, std::string_view right);
+
+/// `text` with its ASCII letters in lower case, whatever the locale.
+std::string toLowerAscii(std::string_view text);
+
+}  // namespace qm

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace qm {
+
+/// `bytes` with U+FFFD in place of each byte that doesn't begin a sequence well-formed in length and continuation
+/// bytes: one byte below 0x80; 0xC2-0xDF and one continuation; 0xE0-0xEF and two; 0xF0-0xF4 and three. A sequence cut
+/// off by the end counts as bad bytes. Overlong three-byte forms, surrogates and values above U+10FFFF pass: this is
+/// the rule that readers of files were promised, and JSON output replaces what it doesn't take itself.
+std::string sanitizeUtf8(std::string_view bytes);
+
+/// The first `count` code points of `text`, or the last; a byte that is no UTF-8 counts as one.
+std::string_view firstCodePoints(std::string_view text, std::size_t count);
+std::string_view lastCodePoints(std::string_view text, std::size_t count);
+
+/// Number of code points, a byte that is no UTF-8 counting as one.
+std::size_t countCodePoints(std::string_view text);
+
+}  // namespace qm
