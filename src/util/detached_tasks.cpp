@@ -99,8 +99,8 @@ void DetachedTasks::work(const std::shared_ptr<State>& state, std::string name, 
         if (--state->runningTasks == 0) state->allDone.notify_all();
         if (state->closing) return;
         ++state->idleThreads;
-        const bool woken = state->handedOver.wait_for(lock, state->idleTime,
-                                                      [&] { return !state->handed.empty() || state->closing; });
+        const bool woken =
+            state->handedOver.wait_for(lock, state->idleTime, [&] { return !state->handed.empty() || state->closing; });
         if (state->handed.empty()) {
             // Timed out or closing; a handed job would have taken this thread out of the count already.
             if (!woken || state->closing) {

@@ -13,7 +13,8 @@ std::mt19937_64& generator() {
     thread_local std::mt19937_64 engine = [] {
         std::random_device device("default");
         std::array<std::uint32_t, 16> words{};
-        for (auto& word : words) word = device();
+        for (auto& word : words)
+            word = device();
         std::seed_seq seed(words.begin(), words.end());
         return std::mt19937_64(seed);
     }();
@@ -27,7 +28,8 @@ std::string randomId(std::string_view prefix, std::size_t length) {
     std::string id(prefix);
     id.reserve(prefix.size() + length);
     auto& engine = generator();
-    for (std::size_t i = 0; i < length; ++i) id += kAlphabet[engine() % kAlphabet.size()];
+    for (std::size_t i = 0; i < length; ++i)
+        id += kAlphabet[engine() % kAlphabet.size()];
     return id;
 }
 

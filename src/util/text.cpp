@@ -18,7 +18,8 @@ std::string_view trimmed(std::string_view text, std::string_view characters) {
 }
 
 std::string_view withoutTrailingSlashes(std::string_view text) {
-    while (text.ends_with('/')) text.remove_suffix(1);
+    while (text.ends_with('/'))
+        text.remove_suffix(1);
     return text;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -17,5 +18,12 @@ std::string_view lastCodePoints(std::string_view text, std::size_t count);
 
 /// Number of code points, a byte that is no UTF-8 counting as one.
 std::size_t countCodePoints(std::string_view text);
+
+/// Reads the code point at the front of `text` by the strict rule: no overlong form, no surrogate, nothing above
+/// U+10FFFF. Returns its length in bytes; 0 if there is none, and then `codePoint` stays as it was.
+std::size_t decodeCodePoint(std::string_view text, char32_t& codePoint);
+
+/// Appends `codePoint` as UTF-8; a surrogate half or a value above U+10FFFF becomes U+FFFD.
+void appendCodePoint(std::string& text, char32_t codePoint);
 
 }  // namespace qm
