@@ -19,10 +19,10 @@ struct CapabilityDef {
     std::string displayName;
     std::string description;
     std::map<std::string, std::string> descriptions;
-    json parameters;                      ///< JSON Schema of the arguments.
-    json outputSchema = json::object();   ///< Schema of the result, for the gateway only.
-    std::string scope = "DEVICE";         ///< "DEVICE" or "SHARED".
-    std::string provider = "builtin";     ///< Owner of the entry, the unit of bulk replacement.
+    json parameters;                     ///< JSON Schema of the arguments.
+    json outputSchema = json::object();  ///< Schema of the result, for the gateway only.
+    std::string scope = "DEVICE";        ///< "DEVICE" or "SHARED".
+    std::string provider = "builtin";    ///< Owner of the entry, the unit of bulk replacement.
     std::string sourceType = "NATIVE";
     std::string sourceId = "native";
     std::string sourceName = "Native capabilities";
