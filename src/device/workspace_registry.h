@@ -34,6 +34,7 @@ struct ResolvedPath {
     std::string relativePath;        ///< Relative to the workspace root with "/"; empty for the root itself.
     std::string error;
     std::filesystem::path rootPath;  ///< Canonical root of the workspace, to open `relativePath` below it.
+    bool namesLink = false;          ///< The path as it was given names a symbolic link.
 };
 
 /// What a caller needs of the target of resolve().

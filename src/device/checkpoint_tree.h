@@ -1,0 +1,63 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "util/unique_fd.h"
+
+namespace qm {
+
+/// Tells a directory from every other one, whatever path leads to it.
+struct DirectoryId {
+    dev_t device = 0;
+    ino_t inode = 0;
+
+    bool operator==(const DirectoryId&) const = default;
+};
+
+/// Nothing if there is no directory.
+std::optional<DirectoryId> directoryId(int fd);
+std::optional<DirectoryId> directoryId(const std::filesystem::path& directory);
+
+/// The regular files of a workspace that belong to checkpoints: neither links nor anything below `.git` in its root, nor
+/// the executor's own data. Everything is reached below one descriptor of the root, and no link is followed, so nothing
+/// outside the workspace is ever read, whoever moves things about meanwhile.
+class CheckpointTree {
+public:
+    struct Walk {
+        std::vector<std::string> files;  ///< Relative paths with "/", sorted by bytes.
+        bool clipped = false;            ///< There are more files than `files` takes.
+        bool namesLeftOut = false;       ///< Some names aren't UTF-8 and therefore not in `files`.
+    };
+
+    struct OpenFile {
+        UniqueFd fd;                  ///< Empty if the path isn't a regular file or can't be opened.
+        std::uint64_t sizeBytes = 0;  ///< When it was opened, or, unopened, as far as it is known.
+        bool missing = false;         ///< Nothing stands at the path.
+    };
+
+    /// Opens the root. `leftOut`: a directory that counts as not there, wherever it lies in the tree. Throws
+    /// std::system_error if the root is no directory or can't be opened.
+    CheckpointTree(const std::filesystem::path& root, std::optional<DirectoryId> leftOut);
+
+    /// Lists at most `maxFiles` files. Directories that may not be read or vanish meanwhile are skipped; throws
+    /// std::system_error if the tree can't be walked for another reason.
+    Walk walk(std::size_t maxFiles) const;
+
+    OpenFile openFile(const std::string& path) const;
+
+    int rootFd() const { return root_.get(); }
+    bool isLeftOut(int directoryFd) const;
+
+private:
+    UniqueFd root_;
+    std::optional<DirectoryId> leftOut_;
+};
+
+}  // namespace qm
