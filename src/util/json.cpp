@@ -1,6 +1,38 @@
 #include "util/json.h"
 
+#include <algorithm>
+#include <stdexcept>
+
 namespace qm {
+namespace {
+
+/// Deepest nesting of brackets outside strings; right for every text that is JSON.
+int nestingDepth(std::string_view text) {
+    int depth = 0;
+    int deepest = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char character = text[i];
+        if (inString) {
+            if (character == '\\') ++i;
+            if (character == '"') inString = false;
+        } else if (character == '"') {
+            inString = true;
+        } else if (character == '[' || character == '{') {
+            deepest = std::max(deepest, ++depth);
+        } else if (character == ']' || character == '}') {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+}  // namespace
+
+json parseJson(std::string_view text) {
+    if (nestingDepth(text) > kMaxJsonDepth) throw std::invalid_argument("JSON is nested too deeply");
+    return json::parse(text);
+}
 
 std::string dumpJson(const json& value) {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);

@@ -16,6 +16,11 @@ std::string dumpJson(const json& value);
 /// The same with an indentation of two spaces, for files that people read.
 std::string dumpJsonPretty(const json& value);
 
+/// Parses JSON from outside. Throws json::parse_error for a text that is no JSON, and std::invalid_argument for one
+/// that nests deeper than kMaxJsonDepth: values are copied, dumped and destroyed by recursion, so depth costs stack.
+json parseJson(std::string_view text);
+inline constexpr int kMaxJsonDepth = 1000;
+
 /// Member `key` of `object`, or null if `object` is no object or has no such member. Valid as long as `object` is.
 const json* findMember(const json& object, std::string_view key);
 

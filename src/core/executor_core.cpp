@@ -1,0 +1,228 @@
+#include "core/executor_core.h"
+
+#include <exception>
+#include <utility>
+
+#include "capabilities/capability_registry.h"
+#include "core/gateway_dispatch.h"
+#include "core/register_message.h"
+#include "core/status_record.h"
+#include "device/workspace_registry.h"
+#include "net/cancel_signal.h"
+#include "net/ws_connection.h"
+#include "util/json.h"
+#include "util/log.h"
+
+namespace qm {
+namespace {
+
+constexpr char kGatewayPath[] = "/ws/executor";
+
+/// The model of a device on which none is configured.
+ModelState modelState() {
+    return {};
+}
+
+}  // namespace
+
+ExecutorCore::ExecutorCore(Settings settings, CapabilityRegistry& registry, WorkspaceRegistry& workspaces,
+                           const std::filesystem::path& dataDir, CoreTiming timing)
+    : timing_(timing),
+      registry_(registry),
+      workspaces_(workspaces),
+      settings_(std::move(settings)),
+      settingsStore_(dataDir),
+      services_(std::make_shared<GatewayServices>(registry, workspaces, TurnCheckpointer())),
+      tasks_(std::make_shared<DetachedTasks>()) {
+    host_.services = services_;
+    host_.settings = [this] { return settingsCopy(); };
+    host_.detach = [this](const char* name, std::function<void()> task) { detachGuarded(name, std::move(task)); };
+    host_.markRejected = [this] { rejected_ = true; };
+    registry_.setChangeListener([this] { capabilitiesChanged(); });
+}
+
+ExecutorCore::~ExecutorCore() {
+    registry_.setChangeListener({});
+    stop();
+    tasks_->waitUntilIdle(timing_.drainLimit);
+}
+
+void ExecutorCore::run() {
+    while (loop_.running()) {
+        loop_.beginRound();
+        const Settings settings = settingsCopy();
+        if (settings.isStandalone()) {
+            setState(ConnectionState::Standalone);
+            loop_.waitFor(timing_.standaloneWait);
+            continue;
+        }
+        if (settings.executorToken.empty()) {
+            setState(ConnectionState::NotConfigured);
+            loop_.waitFor(timing_.unconfiguredWait);
+            continue;
+        }
+        setState(ConnectionState::Connecting);
+        connectOnce(settings);
+        if (!loop_.running()) break;
+        const bool rejected = rejected_;
+        setState(rejected ? ConnectionState::Rejected : ConnectionState::Disconnected);
+        loop_.waitFor(rejected ? timing_.rejectedWait : timing_.reconnectWait);
+    }
+    log(LogLevel::Info, "executor stopped");
+}
+
+void ExecutorCore::connectOnce(const Settings& settings) {
+    log(LogLevel::Info, "connecting to gateway: " + settings.gatewayUrl + kGatewayPath);
+    try {
+        if (const auto connection = openConnection(settings)) serveAndClose(connection);
+    } catch (const std::exception& failure) {
+        // No descriptor or no thread to be had: as good as no connection, and the next round may have more luck.
+        interruptGateway();
+        log(LogLevel::Warn, std::string("gateway connection failed: ") + failure.what());
+    }
+}
+
+std::shared_ptr<WsConnection> ExecutorCore::openConnection(const Settings& settings) {
+    const auto attempt = std::make_shared<CancelSignal>();
+    {
+        const std::lock_guard lock(connectionMutex_);
+        attempt_ = attempt;
+    }
+    // Whoever interrupted before the signal stood there couldn't raise it.
+    if (loop_.interrupted()) attempt->cancel();
+    std::string error;
+    auto connection = WsConnection::connect(settings.gatewayUrl, kGatewayPath, settings.executorToken, &error, attempt);
+    if (!connection) log(LogLevel::Warn, "gateway connection failed: " + error);
+    const std::lock_guard lock(connectionMutex_);
+    attempt_.reset();
+    connection_ = connection;
+    return connection;
+}
+
+void ExecutorCore::serveAndClose(const std::shared_ptr<WsConnection>& connection) {
+    rejected_ = false;
+    // A stop or a reconnect request between the end of the attempt and the storing of the connection met neither.
+    if (!loop_.interrupted()) {
+        setState(ConnectionState::Connected);
+        serveConnection(connection);
+    }
+    connection->close();
+    {
+        const std::lock_guard lock(connectionMutex_);
+        connection_.reset();
+    }
+    log(LogLevel::Warn, "gateway connection closed");
+    if (const auto& reason = connection->peerClose()) {
+        log(LogLevel::Info, "gateway close code " + std::to_string(reason->code) + ", reason: " + reason->reason);
+    }
+}
+
+void ExecutorCore::serveConnection(const std::shared_ptr<WsConnection>& connection) {
+    const auto session = std::make_shared<GatewaySession>(connection, [this] { return announcement(); });
+    {
+        const std::lock_guard lock(connectionMutex_);
+        session_ = session;
+    }
+    session->announce();
+    const Settings settings = settingsCopy();
+    log(LogLevel::Info, "connected & registered: agentId=" + settings.nodeId + ", mode=" + settings.mode +
+                            ", capabilities=" + std::to_string(registry_.snapshot()->size()));
+    session->serve([this, &connection](const std::string& text) { handleCommand(text, connection); },
+                   timing_.heartbeatPeriod);
+    const std::lock_guard lock(connectionMutex_);
+    session_.reset();
+}
+
+void ExecutorCore::handleCommand(const std::string& text, const std::shared_ptr<WsConnection>& connection) {
+    dispatchGatewayFrame(host_, text, connection);
+}
+
+void ExecutorCore::stop() {
+    loop_.stop();
+    interruptGateway();
+}
+
+void ExecutorCore::requestReconnect() {
+    loop_.requestReconnect();
+    interruptGateway();
+}
+
+void ExecutorCore::interruptGateway() {
+    std::shared_ptr<CancelSignal> attempt;
+    std::shared_ptr<WsConnection> connection;
+    {
+        const std::lock_guard lock(connectionMutex_);
+        attempt = attempt_;
+        connection = connection_;
+    }
+    if (attempt) attempt->cancel();
+    if (connection) connection->close();
+}
+
+bool ExecutorCore::changeSettings(const std::function<void(Settings&)>& change, std::string* error) {
+    bool saved = false;
+    {
+        const std::lock_guard saving(saveMutex_);
+        Settings changed = settingsCopy();
+        change(changed);
+        {
+            const std::lock_guard lock(settingsMutex_);
+            settings_ = changed;
+        }
+        saved = settingsStore_.save(changed, error);
+    }
+    requestReconnect();
+    return saved;
+}
+
+Settings ExecutorCore::settingsCopy() const {
+    const std::lock_guard lock(settingsMutex_);
+    return settings_;
+}
+
+void ExecutorCore::setState(ConnectionState state) {
+    if (state_.exchange(state) != state) pushEvent("status", status());
+}
+
+json ExecutorCore::status() const {
+    return statusRecord(
+        {state_, settingsCopy(), modelState(), registry_.snapshot()->size(), workspaces_.list().size()});
+}
+
+void ExecutorCore::setLocalEventSink(LocalEventSink sink) {
+    const std::lock_guard lock(eventSinkMutex_);
+    eventSink_ = std::move(sink);
+}
+
+void ExecutorCore::pushEvent(std::string_view event, const json& data) const {
+    LocalEventSink sink;
+    {
+        const std::lock_guard lock(eventSinkMutex_);
+        sink = eventSink_;
+    }
+    if (sink) sink(event, data);
+}
+
+void ExecutorCore::capabilitiesChanged() {
+    const std::uint64_t version = registry_.version();
+    log(LogLevel::Info, "capabilities changed (version " + std::to_string(version) + "), re-registering");
+    std::shared_ptr<GatewaySession> session;
+    {
+        const std::lock_guard lock(connectionMutex_);
+        session = session_;
+    }
+    if (session) session->capabilitiesChanged(version);
+    pushEvent("status", status());
+}
+
+GatewaySession::Announcement ExecutorCore::announcement() const {
+    const std::uint64_t version = registry_.version();
+    const json message = registerMessage(settingsCopy(), modelState(), registry_.snapshot(), json::array());
+    return {dumpJson(message), version};
+}
+
+void ExecutorCore::detachGuarded(const char* name, std::function<void()> task) {
+    tasks_->run(name, std::move(task));
+}
+
+}  // namespace qm

@@ -1,0 +1,81 @@
+#include "core/terminal_prompt.h"
+
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+
+namespace qm {
+namespace {
+
+/// What the handler below puts back; only valid while an EchoOff lives.
+termios savedMode;
+
+/// Runs on a signal that ends the process: the terminal must not stay without echo.
+void restoreModeAndDie(int signalNumber) {
+    tcsetattr(STDIN_FILENO, TCSANOW, &savedMode);
+    // The handler was installed with SA_RESETHAND, so this time the signal takes its usual course.
+    raise(signalNumber);
+}
+
+/// Switches the terminal's echo off for its lifetime; does nothing where standard input is no terminal.
+class EchoOff {
+public:
+    EchoOff() {
+        if (isatty(STDIN_FILENO) == 0 || tcgetattr(STDIN_FILENO, &savedMode) != 0) return;
+        active_ = true;
+        struct sigaction action = {};
+        action.sa_handler = restoreModeAndDie;
+        action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+        for (std::size_t i = 0; i < kSignals.size(); ++i)
+            sigaction(kSignals[i], &action, &previous_[i]);
+        termios mode = savedMode;
+        mode.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        // TCSADRAIN keeps what was typed ahead, where TCSAFLUSH would throw it away.
+        tcsetattr(STDIN_FILENO, TCSADRAIN, &mode);
+    }
+
+    ~EchoOff() {
+        if (!active_) return;
+        tcsetattr(STDIN_FILENO, TCSADRAIN, &savedMode);
+        for (std::size_t i = 0; i < kSignals.size(); ++i)
+            sigaction(kSignals[i], &previous_[i], nullptr);
+        // The user's own Enter wasn't echoed.
+        std::fputc('\n', stdout);
+        std::fflush(stdout);
+    }
+
+    EchoOff(const EchoOff&) = delete;
+    EchoOff& operator=(const EchoOff&) = delete;
+
+private:
+    static constexpr std::array<int, 4> kSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+    bool active_ = false;
+    std::array<struct sigaction, kSignals.size()> previous_{};
+};
+
+/// Through stdio, because two prompts in a row must share one buffer: a pipe delivers both answers at once.
+std::string readLine() {
+    std::string line;
+    for (int character = std::getchar(); character != EOF && character != '\n'; character = std::getchar()) {
+        line += static_cast<char>(character);
+    }
+    while (line.ends_with('\r') || line.ends_with('\n'))
+        line.pop_back();
+    return line;
+}
+
+}  // namespace
+
+std::string promptLine(std::string_view text, bool hidden) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+    if (!hidden) return readLine();
+    const EchoOff echoOff;
+    return readLine();
+}
+
+}  // namespace qm
