@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 #include "util/unique_fd.h"
 
 namespace qm {
@@ -14,12 +16,13 @@ public:
     /// Any thread, any number of times.
     void cancel();
 
-    bool cancelled() const;
+    bool cancelled() const { return cancelled_.load(); }
 
     /// Becomes readable with cancel() and stays so; for poll() only.
     int fd() const { return event_.get(); }
 
 private:
+    std::atomic<bool> cancelled_ = false;
     UniqueFd event_;
 };
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace qm {
 
@@ -73,9 +74,11 @@ public:
     HttpResponse finish();
 
 private:
-    bool takeHeader(std::string_view bytes, std::string_view* rest);
+    bool takeHeader(std::string_view* bytes);
+    bool headerTooLong() const;
     bool takeBody(std::string_view bytes);
     bool giveOut(std::string_view bytes);
+    bool limitPassed() const;
 
     Options options_;
     std::string header_;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -8,10 +7,11 @@
 
 #include "net/cancel_signal.h"
 #include "net/io_step.h"
-#include "net/tls.h"
 #include "util/unique_fd.h"
 
 namespace qm {
+
+class TlsStream;
 
 /// One outgoing TCP connection, plain or under TLS.
 ///
@@ -28,6 +28,7 @@ public:
                                            std::string* error = nullptr,
                                            std::shared_ptr<CancelSignal> cancel = nullptr);
 
+    ~Socket();
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
@@ -58,17 +59,18 @@ public:
     void forgetCancelSignal() { cancel_.reset(); }
 
 private:
-    enum class Wait { Ready, TimedOut, Cancelled, Failed };
-
     Socket(UniqueFd fd, int timeoutMs, std::shared_ptr<CancelSignal> cancel);
 
     bool startTls(const std::string& host, std::string* error);
     std::ptrdiff_t readWithin(char* buffer, std::size_t size, int timeoutMs);
     IoStep readStep(char* buffer, std::size_t size);
     IoStep writeStep(std::string_view bytes);
+    bool cancelled() const { return cancel_ != nullptr && cancel_->cancelled(); }
+    int waitAfter(const IoStep& step, int timeoutMs) const;
+    bool failedToSend();
 
     UniqueFd fd_;
-    // Above the descriptor it uses: it says goodbye before that is closed.
+    // Below the descriptor it uses, hence destroyed before that is closed: it says goodbye to the peer.
     std::unique_ptr<TlsStream> tls_;
     const int timeoutMs_;
     std::shared_ptr<CancelSignal> cancel_;

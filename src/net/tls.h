@@ -30,6 +30,13 @@ TlsContext makeTlsContext(const TlsLibrary& library, std::string* error);
 /// tried again by the next call. Any thread.
 TlsContext sharedTlsContext(std::string* error);
 
+/// The socket below a TLS connection, and what became of the last operation on it.
+struct TlsTransport {
+    int fd = -1;
+    bool ended = false;
+    int error = 0;
+};
+
 /// The TLS layer of one connection over a non-blocking socket.
 ///
 /// No operation ever waits. They may come from several threads at once, at most one of them reading and one writing:
@@ -56,14 +63,19 @@ private:
         void operator()(SSL* ssl) const;
     };
 
-    TlsStream(TlsContext context, std::unique_ptr<SSL, SslFree> ssl);
+    TlsStream(TlsContext context, int fd);
 
+    bool prepare(const std::string& host);
     template <typename Operation>
     IoStep step(Operation operation);
+    IoStep failure(int kind);
+    std::string failureText() const;
 
     const TlsContext context_;
+    // What the library's transport object works on, so it outlives ssl_.
+    TlsTransport transport_;
     std::mutex mutex_;
-    const std::unique_ptr<SSL, SslFree> ssl_;
+    std::unique_ptr<SSL, SslFree> ssl_;
     bool established_ = false;
     bool broken_ = false;
 };

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -12,6 +11,7 @@
 
 #include "net/cancel_signal.h"
 #include "net/socket.h"
+#include "net/url.h"
 #include "net/ws_frame.h"
 
 namespace qm {
@@ -62,8 +62,8 @@ private:
 
     std::string open(const std::string& url, const std::string& path, const std::string& token,
                      std::shared_ptr<CancelSignal> cancel);
-    std::string handshake(const struct Url& url, const std::string& token);
-    std::string readHandshakeAnswer(std::string* headerBlock);
+    std::string shakeHands(const Url& url, const std::string& token);
+    std::string readAnswer(std::string* headerBlock);
     bool sendFrame(WsOpcode opcode, std::string_view payload);
     bool fill();
 
@@ -72,6 +72,7 @@ private:
     // Orders all writers, and with them the use of random_.
     std::timed_mutex sendMutex_;
     std::atomic<bool> closed_ = false;
+    std::atomic<bool> sendFailed_ = false;
     std::mt19937 random_;
     std::unique_ptr<Socket> socket_;
 

@@ -50,9 +50,10 @@ public:
     std::string& payload() { return event_; }
 
 private:
+    std::size_t headerBytesNeeded() const;
     bool takeHeader(std::string_view* bytes);
     void decodeHeader();
-    void takePayload(std::string_view* bytes);
+    bool takePayload(std::string_view* bytes);
     Event endFrame();
     std::string* destination();
 
@@ -64,7 +65,7 @@ private:
     bool inPayload_ = false;
 
     bool final_ = false;
-    std::uint8_t opcode_ = 0;
+    WsOpcode opcode_ = WsOpcode::Continuation;
     bool masked_ = false;
     std::uint32_t mask_ = 0;
     std::uint64_t payloadTaken_ = 0;
