@@ -34,8 +34,8 @@ constexpr int kUsage = 2;
 std::optional<int> signIn(const CommandLine& line, const SettingsStore& store, Settings& settings) {
     const std::string email = line.email.empty() ? promptLine("邮箱: ", false) : line.email;
     const std::string password = promptLine("密码: ", true);
-    const AccountLoginResult result =
-        loginWithPassword(line.publicUrl, email, password, settings.nodeId, settings.name, settings.mode);
+    const AccountLoginResult result = AccountSignIn().loginWithPassword(line.publicUrl, email, password,
+                                                                        settings.nodeId, settings.name, settings.mode);
     if (!result.ok) {
         std::printf("%s\n", result.error.c_str());
         return kFailure;
@@ -85,8 +85,9 @@ void printTokenHint() {
 }
 
 void logStart(const std::filesystem::path& dataDirectory, const Settings& settings) {
-    log(LogLevel::Info, std::string("qm-executor ") + kVersion + " starting: data directory=" + dataDirectory.string() +
-                            ", agentId=" + settings.nodeId);
+    std::string line = "qm-executor ";
+    line.append(kVersion).append(" starting: data directory=").append(dataDirectory.string());
+    log(LogLevel::Info, line.append(", agentId=").append(settings.nodeId));
     std::error_code ignored;
     if (!std::filesystem::is_directory(dataDirectory, ignored) || access(dataDirectory.c_str(), W_OK | X_OK) != 0) {
         log(LogLevel::Warn, "data directory is not writable, nothing will be kept: " + dataDirectory.string());
