@@ -111,6 +111,7 @@ private:
         ws_.read_message_max(0);
         ws_.control_callback([this](websocket::frame_type type, beast::string_view payload) {
             if (type == websocket::frame_type::pong) observer_.onPong(std::string(payload));
+            if (type == websocket::frame_type::close) closeFrameCame_ = true;
         });
         ws_.async_accept(request_, [self = this->shared_from_this()](error_code error) {
             if (!error) self->open();
@@ -158,7 +159,8 @@ private:
 
     void end(error_code error) {
         SessionEnd end;
-        end.closeFrame = error == websocket::error::closed;
+        // Not taken from the error: an executor that is gone at once makes the answer to its close frame fail.
+        end.closeFrame = closeFrameCame_;
         end.code = ws_.reason().code;
         end.reason = std::string(ws_.reason().reason.c_str());
         end.error = error.message();
@@ -202,6 +204,7 @@ private:
     http::request<http::string_body> request_;
     HandshakeAnswer answer_;
     std::size_t number_ = 0;
+    bool closeFrameCame_ = false;
     std::deque<Write> writes_;
 };
 
