@@ -4,7 +4,6 @@
 #include <deque>
 #include <exception>
 #include <mutex>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -25,12 +24,17 @@ struct DetachedTasks::State {
     std::mutex mutex;
     std::condition_variable handedOver;
     std::condition_variable allDone;
-    /// Jobs that an idle thread has been counted out for; never longer than the number of threads that wait.
     std::deque<Job> handed;
+    /// Threads that wait, less the jobs handed over: a thread is counted out when a job is handed to it, not when it
+    /// wakes, and whichever waiting thread comes first takes the job. So each job handed over finds a thread.
     std::size_t idleThreads = 0;
     std::size_t runningTasks = 0;
     std::chrono::milliseconds idleTime{0};
     bool closing = false;
+
+    void countOut() {
+        if (--runningTasks == 0) allDone.notify_all();
+    }
 };
 
 void runGuarded(const char* name, const std::function<void()>& task) noexcept {
@@ -61,22 +65,21 @@ DetachedTasks::~DetachedTasks() {
 void DetachedTasks::run(const char* name, std::function<void()> task) {
     {
         const std::lock_guard lock(state_->mutex);
-        ++state_->runningTasks;
         if (state_->idleThreads > 0) {
-            --state_->idleThreads;
             state_->handed.push_back({name, std::move(task)});
+            --state_->idleThreads;
+            ++state_->runningTasks;
             state_->handedOver.notify_one();
             return;
         }
+        ++state_->runningTasks;
     }
     try {
         std::thread(&DetachedTasks::work, state_, std::string(name), std::move(task)).detach();
-    } catch (const std::system_error& failure) {
-        {
-            const std::lock_guard lock(state_->mutex);
-            if (--state_->runningTasks == 0) state_->allDone.notify_all();
-        }
+    } catch (const std::exception& failure) {
         log(LogLevel::Error, std::string("后台任务 ") + name + " 异常已拦截: " + failure.what());
+        const std::lock_guard lock(state_->mutex);
+        state_->countOut();
     }
 }
 
@@ -96,17 +99,12 @@ void DetachedTasks::work(const std::shared_ptr<State>& state, std::string name, 
         task = nullptr;  // What the task holds goes before the count says that it has ended.
 
         std::unique_lock lock(state->mutex);
-        if (--state->runningTasks == 0) state->allDone.notify_all();
-        if (state->closing) return;
+        state->countOut();
         ++state->idleThreads;
-        const bool woken =
-            state->handedOver.wait_for(lock, state->idleTime, [&] { return !state->handed.empty() || state->closing; });
+        state->handedOver.wait_for(lock, state->idleTime, [&] { return !state->handed.empty() || state->closing; });
         if (state->handed.empty()) {
-            // Timed out or closing; a handed job would have taken this thread out of the count already.
-            if (!woken || state->closing) {
-                --state->idleThreads;
-                return;
-            }
+            --state->idleThreads;
+            return;
         }
         name = std::move(state->handed.front().name);
         task = std::move(state->handed.front().task);

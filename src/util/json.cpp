@@ -1,6 +1,7 @@
 #include "util/json.h"
 
 #include <algorithm>
+#include <memory>
 #include <stdexcept>
 
 namespace qm {
@@ -66,13 +67,14 @@ std::int64_t integerMember(const json& object, std::string_view key, std::int64_
 }
 
 const json& objectMember(const json& object, std::string_view key) {
-    static const json empty = json::object();
+    // Never destroyed: a detached thread may still read while the process ends.
+    static const json& empty = *std::make_unique<json>(json::object()).release();
     const json* member = findMember(object, key);
     return member != nullptr && member->is_object() ? *member : empty;
 }
 
 const json& arrayMember(const json& object, std::string_view key) {
-    static const json empty = json::array();
+    static const json& empty = *std::make_unique<json>(json::array()).release();
     const json* member = findMember(object, key);
     return member != nullptr && member->is_array() ? *member : empty;
 }

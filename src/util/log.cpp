@@ -1,10 +1,13 @@
 #include "util/log.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
 #include <deque>
+#include <memory>
 #include <mutex>
+#include <utility>
 
 #include "util/utf8.h"
 
@@ -21,8 +24,8 @@ struct Ring {
 
 /// Never destroyed: a detached thread may log while the process ends.
 Ring& ring() {
-    static Ring* const instance = new Ring;
-    return *instance;
+    static Ring& instance = *std::make_unique<Ring>().release();
+    return instance;
 }
 
 const char* levelName(LogLevel level) {
@@ -48,7 +51,7 @@ void log(LogLevel level, std::string_view message) noexcept {
         std::snprintf(line.data(), line.size(), "[%s] %-5s %.*s", timeOfDay().c_str(), levelName(level), length,
                       message.data());
         printLine(line.data());
-        std::string kept = sanitizeUtf8(line.data());
+        std::string kept = toStrictUtf8(line.data());
         const std::lock_guard lock(ring().mutex);
         ring().lines.push_back(std::move(kept));
         if (ring().lines.size() > kRingLines) ring().lines.pop_front();

@@ -53,15 +53,15 @@ std::size_t endOfCodePoints(std::string_view text, std::size_t count) {
     return position;
 }
 
-}  // namespace
-
-std::string sanitizeUtf8(std::string_view bytes) {
+/// `bytes` with U+FFFD for each byte at which `lengthAt`, given the text and a position, finds no sequence.
+template <typename LengthAt>
+std::string withBadBytesReplaced(std::string_view bytes, LengthAt lengthAt) {
     std::string clean;
     clean.reserve(bytes.size());
     std::size_t copied = 0;
     std::size_t position = 0;
     while ((position = endOfAscii(bytes, position)) < bytes.size()) {
-        const std::size_t length = sequenceLength(bytes, position);
+        const std::size_t length = lengthAt(bytes, position);
         if (length > 0) {
             position += length;
             continue;
@@ -72,6 +72,19 @@ std::string sanitizeUtf8(std::string_view bytes) {
     }
     clean.append(bytes, copied);
     return clean;
+}
+
+}  // namespace
+
+std::string sanitizeUtf8(std::string_view bytes) {
+    return withBadBytesReplaced(bytes, sequenceLength);
+}
+
+std::string toStrictUtf8(std::string_view bytes) {
+    return withBadBytesReplaced(bytes, [](std::string_view text, std::size_t position) {
+        char32_t ignored = 0;
+        return decodeCodePoint(text.substr(position), ignored);
+    });
 }
 
 std::string_view firstCodePoints(std::string_view text, std::size_t count) {
