@@ -77,7 +77,7 @@ void ExecutorCore::connectOnce(const Settings& settings) {
         if (const auto connection = openConnection(settings)) serveAndClose(connection);
     } catch (const std::exception& failure) {
         // No descriptor or no thread to be had: as good as no connection, and the next round may have more luck.
-        interruptGateway();
+        dropConnection();
         log(LogLevel::Warn, std::string("gateway connection failed: ") + failure.what());
     }
 }
@@ -106,15 +106,22 @@ void ExecutorCore::serveAndClose(const std::shared_ptr<WsConnection>& connection
         setState(ConnectionState::Connected);
         serveConnection(connection);
     }
-    connection->close();
-    {
-        const std::lock_guard lock(connectionMutex_);
-        connection_.reset();
-    }
+    dropConnection();
     log(LogLevel::Warn, "gateway connection closed");
     if (const auto& reason = connection->peerClose()) {
         log(LogLevel::Info, "gateway close code " + std::to_string(reason->code) + ", reason: " + reason->reason);
     }
+}
+
+void ExecutorCore::dropConnection() {
+    std::shared_ptr<WsConnection> connection;
+    {
+        const std::lock_guard lock(connectionMutex_);
+        attempt_.reset();
+        session_.reset();
+        connection.swap(connection_);
+    }
+    if (connection) connection->close();
 }
 
 void ExecutorCore::serveConnection(const std::shared_ptr<WsConnection>& connection) {
@@ -129,8 +136,6 @@ void ExecutorCore::serveConnection(const std::shared_ptr<WsConnection>& connecti
                             ", capabilities=" + std::to_string(registry_.snapshot()->size()));
     session->serve([this, &connection](const std::string& text) { handleCommand(text, connection); },
                    timing_.heartbeatPeriod);
-    const std::lock_guard lock(connectionMutex_);
-    session_.reset();
 }
 
 void ExecutorCore::handleCommand(const std::string& text, const std::shared_ptr<WsConnection>& connection) {
@@ -138,20 +143,21 @@ void ExecutorCore::handleCommand(const std::string& text, const std::shared_ptr<
 }
 
 void ExecutorCore::stop() {
-    loop_.stop();
-    interruptGateway();
+    interruptGateway([this] { loop_.stop(); });
 }
 
 void ExecutorCore::requestReconnect() {
-    loop_.requestReconnect();
-    interruptGateway();
+    interruptGateway([this] { loop_.requestReconnect(); });
 }
 
-void ExecutorCore::interruptGateway() {
+void ExecutorCore::interruptGateway(const std::function<void()>& interruptLoop) {
     std::shared_ptr<CancelSignal> attempt;
     std::shared_ptr<WsConnection> connection;
     {
+        // Under one lock, so that what is ended belongs to the round that was interrupted. Otherwise the loop could
+        // begin the next round in between, and that round's session would be ended by a request it has served.
         const std::lock_guard lock(connectionMutex_);
+        interruptLoop();
         attempt = attempt_;
         connection = connection_;
     }

@@ -91,7 +91,8 @@ private:
     void connectOnce(const Settings& settings);
     std::shared_ptr<WsConnection> openConnection(const Settings& settings);
     void serveAndClose(const std::shared_ptr<WsConnection>& connection);
-    void interruptGateway();
+    void dropConnection();
+    void interruptGateway(const std::function<void()>& interruptLoop);
     void capabilitiesChanged();
     GatewaySession::Announcement announcement() const;
     void detachGuarded(const char* name, std::function<void()> task);
