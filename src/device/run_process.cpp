@@ -127,6 +127,7 @@ void ProcessRun::follow() {
         if (!result_.timedOut && pastLimit()) {
             result_.timedOut = true;
             ::kill(-leader_, SIGKILL);
+            continue;  // With its leader gone already, a group without members gives no event to wait for.
         }
         waitForEvent();
     }

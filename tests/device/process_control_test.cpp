@@ -1,0 +1,178 @@
+#include "device/process_control.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "device/process_test_support.h"
+#include "device/run_process.h"
+#include "support/temporary_directory.h"
+
+namespace qm {
+namespace {
+
+using std::chrono::microseconds;
+using test::program;
+using test::shell;
+
+/// A thread that kills one control after the other, each a given time after it was handed over.
+class Killer {
+public:
+    Killer() : thread_([this](const std::stop_token& stop) { run(stop); }) {}
+
+    void killAfter(std::shared_ptr<ProcessControl> control, microseconds delay) {
+        control_ = std::move(control);
+        delay_ = delay;
+        handedOver_.store(true);
+        handedOver_.notify_one();
+    }
+    void awaitKill() { handedOver_.wait(true); }
+
+    ~Killer() {
+        thread_.request_stop();
+        handedOver_.store(true);
+        handedOver_.notify_one();
+    }
+    Killer(const Killer&) = delete;
+    Killer& operator=(const Killer&) = delete;
+
+private:
+    void run(const std::stop_token& stop) {
+        for (;;) {
+            handedOver_.wait(false);
+            if (stop.stop_requested()) return;
+            const auto moment = std::chrono::steady_clock::now() + delay_;
+            while (std::chrono::steady_clock::now() < moment)
+                std::this_thread::yield();
+            control_->kill();
+            handedOver_.store(false);
+            handedOver_.notify_one();
+        }
+    }
+
+    std::shared_ptr<ProcessControl> control_;
+    microseconds delay_{0};
+    std::atomic<bool> handedOver_{false};
+    std::jthread thread_;
+};
+
+bool hasChildren() {
+    return ::waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD;
+}
+
+TEST(ProcessControl, AKillAskedForBeforeTheStartTakesEffectAtAttachment) {
+    const auto control = std::make_shared<ProcessControl>();
+    control->kill();
+
+    const ProcessResult result = runProcess(shell("sleep 60"), control);
+
+    EXPECT_TRUE(result.started);
+    EXPECT_TRUE(result.cancelled);
+    EXPECT_FALSE(result.timedOut);
+    EXPECT_EQ(result.exitCode, 128 + SIGKILL);
+}
+
+TEST(ProcessControl, AKillTakesTheWholeGroup) {
+    const test::TemporaryDirectory directory;
+    const auto control = std::make_shared<ProcessControl>();
+    ProcessOptions options = shell("sh -c 'echo $$ > pid; sleep 60' & sleep 60 & wait");
+    options.cwd = directory.path();
+    std::jthread killer([&] {
+        test::pidIn(directory / "pid");
+        control->kill();
+    });
+
+    // Every member holds the output: the run ends only with the last of them.
+    const ProcessResult result = runProcess(options, control);
+
+    EXPECT_TRUE(result.cancelled);
+    EXPECT_EQ(result.exitCode, 128 + SIGKILL);
+    EXPECT_LT(result.durationMs, 20'000);
+}
+
+TEST(ProcessControl, AKillAfterTheEndDoesNothing) {
+    const auto control = std::make_shared<ProcessControl>();
+
+    const ProcessResult result = runProcess(shell("exit 4"), control);
+    control->kill();
+
+    EXPECT_FALSE(result.cancelled);
+    EXPECT_EQ(result.exitCode, 4);
+    EXPECT_TRUE(control->killRequested());
+}
+
+TEST(ProcessControl, NothingWasAskedForAtFirst) {
+    EXPECT_FALSE(ProcessControl().killRequested());
+}
+
+TEST(ProcessControl, ManyKillsAreAsGoodAsOne) {
+    const auto control = std::make_shared<ProcessControl>();
+    std::jthread running([&] { EXPECT_EQ(runProcess(shell("sleep 60"), control).exitCode, 128 + SIGKILL); });
+    std::vector<std::jthread> killers;
+    for (int index = 0; index < 8; ++index) {
+        killers.emplace_back([&] {
+            for (int count = 0; count < 100; ++count)
+                control->kill();
+        });
+    }
+}
+
+// A kill that is lost lets its child sleep for a minute: 10,000 of these races, one of which went wrong, would show.
+// The moments are spread over the time that a launch takes, whatever that is on this machine.
+
+TEST(ProcessControlRaces, NoKillBeforeTheLaunchIsLost) {
+    for (int round = 0; round < 2000; ++round) {
+        const auto control = std::make_shared<ProcessControl>();
+        control->kill();
+
+        const ProcessResult result = runProcess(program({"/bin/sleep", "60"}), control);
+
+        ASSERT_TRUE(result.cancelled);
+        ASSERT_EQ(result.exitCode, 128 + SIGKILL);
+    }
+    EXPECT_FALSE(hasChildren());
+}
+
+TEST(ProcessControlRaces, NoKillAroundTheAttachmentIsLost) {
+    std::mt19937 random(1);  // NOLINT: the same moments in every run.
+    Killer killer;
+    for (int round = 0; round < 4000; ++round) {
+        const auto control = std::make_shared<ProcessControl>();
+        killer.killAfter(control, microseconds(random() % 1000));
+
+        const ProcessResult result = runProcess(program({"/bin/sleep", "60"}), control);
+
+        killer.awaitKill();
+        ASSERT_TRUE(result.cancelled);
+        ASSERT_EQ(result.exitCode, 128 + SIGKILL);
+        ASSERT_LT(result.durationMs, 50'000);
+    }
+    EXPECT_FALSE(hasChildren());
+}
+
+TEST(ProcessControlRaces, AKillAroundTheEndHitsTheChildOrNothing) {
+    std::mt19937 random(2);  // NOLINT: the same moments in every run.
+    Killer killer;
+    for (int round = 0; round < 4000; ++round) {
+        const auto control = std::make_shared<ProcessControl>();
+        killer.killAfter(control, microseconds(random() % 2500));
+
+        const ProcessResult result = runProcess(program({"/bin/true"}), control);
+
+        killer.awaitKill();
+        ASSERT_TRUE(result.exitCode == 0 || result.exitCode == 128 + SIGKILL) << result.exitCode;
+        ASSERT_TRUE(result.exitCode == 0 || result.cancelled);
+    }
+    EXPECT_FALSE(hasChildren());
+}
+
+}  // namespace
+}  // namespace qm

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <functional>
+#include <vector>
+
+namespace qm::test {
+
+struct RefusedCall {
+    int number = 0;
+    int error = 0;
+};
+
+/// Runs `body` on a thread on which the kernel answers the given system calls with their errors, as an older kernel or
+/// one without resources would. What is started from there, threads and processes, lives under the same rule.
+void withRefusedCalls(const std::vector<RefusedCall>& calls, const std::function<void()>& body);
+
+}  // namespace qm::test
