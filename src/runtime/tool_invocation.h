@@ -17,11 +17,11 @@ struct ToolInvocation {
     std::string name;            ///< The capability to run.
     nlohmann::json arguments;
     std::string sessionId;
-    std::string runId;           ///< Keys the turn checkpoint.
-    std::string taskId;          ///< Task that owns the invocation.
-    std::string workspace;       ///< Workspace handle that the task was admitted to; empty means no admission check.
-    std::string access = "none";  ///< "none", "read" or "write".
-    std::int32_t round = -1;      ///< Turn number in the run; negative disables the turn checkpoint.
+    std::string runId;              ///< Keys the turn checkpoint.
+    std::string taskId;             ///< Task that owns the invocation.
+    std::string workspace;          ///< Workspace handle that the task was admitted to; empty means no admission check.
+    std::string access = "none";    ///< "none", "read" or "write".
+    std::int32_t round = -1;        ///< Turn number in the run; negative disables the turn checkpoint.
     std::int64_t deadlineAtMs = 0;  ///< Wall-clock milliseconds; zero or negative means no deadline.
     std::uint64_t resultBytes = kDefaultResultBytes;
     std::uint64_t stdoutBytes = kDefaultStreamBytes;
