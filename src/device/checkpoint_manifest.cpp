@@ -71,10 +71,8 @@ std::optional<std::string> textWithoutFiles(int fd, std::uint64_t size) {
 std::string manifestText(const CheckpointManifest& manifest) {
     json files = json::array();
     for (const auto& file : manifest.files) {
-        files.push_back({{"path", file.path},
-                         {"sizeBytes", file.sizeBytes},
-                         {"sha256", file.sha256},
-                         {"captured", file.captured}});
+        files.push_back(
+            {{"path", file.path}, {"sizeBytes", file.sizeBytes}, {"sha256", file.sha256}, {"captured", file.captured}});
     }
     return dumpJson({{"id", manifest.id},
                      {"workspaceId", manifest.workspaceId},

@@ -1,18 +1,15 @@
 #include "device/checkpoint_tree.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <memory>
 #include <string_view>
 #include <system_error>
 
-#include "device/workspace_files.h"
+#include "device/directory_reader.h"
 #include "util/utf8.h"
 
 namespace qm {
@@ -20,16 +17,12 @@ namespace {
 
 constexpr std::string_view kRepositoryDirectory = ".git";
 
-using DirectoryStream = std::unique_ptr<DIR, int (*)(DIR*)>;
-
-[[noreturn]] void throwLastError(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
 /// Failures that concern one directory only: it may not be read, vanished, became something else, or lies too deep.
-bool isSkippable(int error) {
-    constexpr std::array kErrors{EACCES, EPERM, ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG};
-    return std::find(kErrors.begin(), kErrors.end(), error) != kErrors.end();
+bool isSkippable(const std::error_code& error) {
+    constexpr std::array kErrors{
+        std::errc::permission_denied, std::errc::operation_not_permitted,       std::errc::no_such_file_or_directory,
+        std::errc::not_a_directory,   std::errc::too_many_symbolic_link_levels, std::errc::filename_too_long};
+    return std::any_of(kErrors.begin(), kErrors.end(), [&error](std::errc known) { return error == known; });
 }
 
 bool isUtf8(std::string_view text) {
@@ -42,14 +35,6 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
-/// The entry's type without following a link; the file system may leave it out of the listing.
-unsigned char entryType(int directoryFd, const dirent& entry) {
-    if (entry.d_type != DT_UNKNOWN) return entry.d_type;
-    struct stat status {};
-    if (::fstatat(directoryFd, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
-    return static_cast<unsigned char>(IFTODT(status.st_mode));
-}
-
 /// Lists a tree directory by directory. Those still to be listed are kept as paths, not as descriptors, so that the
 /// depth of the tree costs none.
 class Walker {
@@ -57,17 +42,18 @@ public:
     Walker(const CheckpointTree& tree, std::size_t maxFiles) : tree_(tree), maxFiles_(maxFiles) {}
 
     CheckpointTree::Walk run() {
-        UniqueFd top(::openat(tree_.rootFd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!top) throwLastError("cannot read the workspace");
+        std::error_code error;
+        UniqueFd top = tree_.root().open("", O_RDONLY | O_DIRECTORY, error);
+        if (!top) throw std::system_error(error, "工作区根目录不可用");
         list(std::move(top), "");
         while (!pending_.empty() && !walk_.clipped) {
             const std::string directory = std::move(pending_.back());
             pending_.pop_back();
-            UniqueFd fd = openBelow(tree_.rootFd(), directory, O_RDONLY | O_DIRECTORY);
+            UniqueFd fd = tree_.root().open(directory, O_RDONLY | O_DIRECTORY, error);
             if (fd) {
                 list(std::move(fd), directory + "/");
-            } else if (!isSkippable(errno)) {
-                throwLastError("cannot read a directory of the workspace");
+            } else {
+                skipOrThrow(error);
             }
         }
         std::sort(walk_.files.begin(), walk_.files.end());
@@ -75,35 +61,32 @@ public:
     }
 
 private:
-    void list(UniqueFd fd, const std::string& prefix) {
-        if (tree_.isLeftOut(fd.get())) return;
-        const int directoryFd = fd.get();
-        const DirectoryStream stream(::fdopendir(directoryFd), ::closedir);
-        if (!stream) throwLastError("cannot list a directory of the workspace");
-        (void)fd.release();  // The stream closes it.
-        while (!walk_.clipped) {
-            errno = 0;
-            const dirent* entry = ::readdir(stream.get());
-            if (entry == nullptr) {
-                if (errno != 0 && !isSkippable(errno)) throwLastError("cannot list a directory of the workspace");
-                return;
-            }
-            take(directoryFd, *entry, prefix);
-        }
+    static void skipOrThrow(const std::error_code& error) {
+        if (!isSkippable(error)) throw std::system_error(error, "cannot read a directory of the workspace");
     }
 
-    void take(int directoryFd, const dirent& entry, const std::string& prefix) {
-        const std::string_view name = entry.d_name;
-        if (name == "." || name == ".." || (prefix.empty() && name == kRepositoryDirectory)) return;
-        const unsigned char type = entryType(directoryFd, entry);
-        if (type != DT_REG && type != DT_DIR) return;
-        if (!isUtf8(name)) {
-            // Everything below such a directory has a path that a manifest can't hold.
+    void list(UniqueFd fd, const std::string& prefix) {
+        if (tree_.isLeftOut(fd.get())) return;
+        DirectoryReader reader(std::move(fd));
+        std::error_code error;
+        while (!walk_.clipped) {
+            const DirectoryEntry* entry = reader.next(error);
+            if (entry == nullptr) break;
+            if (prefix.empty() && entry->name == kRepositoryDirectory) continue;
+            take(*entry, prefix);
+        }
+        if (error) skipOrThrow(error);
+    }
+
+    void take(const DirectoryEntry& entry, const std::string& prefix) {
+        if (entry.type != EntryType::File && entry.type != EntryType::Directory) return;
+        std::string path = prefix + std::string(entry.name);
+        if (entry.type == EntryType::Directory) {
+            pending_.push_back(std::move(path));
+        } else if (!isUtf8(path)) {
             walk_.namesLeftOut = true;
-        } else if (type == DT_DIR) {
-            pending_.push_back(prefix + entry.d_name);
         } else if (walk_.files.size() < maxFiles_) {
-            walk_.files.push_back(prefix + entry.d_name);
+            walk_.files.push_back(std::move(path));
         } else {
             walk_.clipped = true;
         }
@@ -129,9 +112,7 @@ std::optional<DirectoryId> directoryId(const std::filesystem::path& directory) {
 }
 
 CheckpointTree::CheckpointTree(const std::filesystem::path& root, std::optional<DirectoryId> leftOut)
-    : root_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)), leftOut_(leftOut) {
-    if (!root_) throwLastError("cannot open the workspace");
-}
+    : root_(root), leftOut_(leftOut) {}
 
 CheckpointTree::Walk CheckpointTree::walk(std::size_t maxFiles) const {
     return Walker(*this, maxFiles).run();
@@ -139,17 +120,18 @@ CheckpointTree::Walk CheckpointTree::walk(std::size_t maxFiles) const {
 
 CheckpointTree::OpenFile CheckpointTree::openFile(const std::string& path) const {
     OpenFile file;
+    std::error_code error;
     // Not blocking: a pipe may have taken the place of the file, and opening one waits for a writer.
-    file.fd = openBelow(rootFd(), path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    file.fd = root_.open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY, error);
     struct stat status {};
-    if (file.fd && ::fstat(file.fd.get(), &status) == 0) {
+    if (file.fd && ::fstat(file.fd.get(), &status) == 0 && S_ISREG(status.st_mode)) {
         file.sizeBytes = static_cast<std::uint64_t>(status.st_size);
-        if (!S_ISREG(status.st_mode)) file.fd.reset();
         return file;
     }
-    file.missing = errno == ENOENT;
-    const UniqueFd unread = openBelow(rootFd(), path, O_PATH);
-    if (unread && ::fstat(unread.get(), &status) == 0) file.sizeBytes = static_cast<std::uint64_t>(status.st_size);
+    file.fd.reset();
+    const auto found = root_.status(path, error);
+    file.missing = found ? !S_ISREG(found->st_mode) : error != std::errc::permission_denied;
+    if (found && !file.missing) file.sizeBytes = static_cast<std::uint64_t>(found->st_size);
     return file;
 }
 

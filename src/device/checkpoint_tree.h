@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "device/workspace_files.h"
 #include "util/unique_fd.h"
 
 namespace qm {
@@ -25,9 +26,9 @@ struct DirectoryId {
 std::optional<DirectoryId> directoryId(int fd);
 std::optional<DirectoryId> directoryId(const std::filesystem::path& directory);
 
-/// The regular files of a workspace that belong to checkpoints: neither links nor anything below `.git` in its root, nor
-/// the executor's own data. Everything is reached below one descriptor of the root, and no link is followed, so nothing
-/// outside the workspace is ever read, whoever moves things about meanwhile.
+/// The regular files of a workspace that belong to checkpoints: neither links nor anything below `.git` in its root,
+/// nor the executor's own data. Everything is reached below one descriptor of the root, and no link is followed, so
+/// nothing outside the workspace is ever read, whoever moves things about meanwhile.
 class CheckpointTree {
 public:
     struct Walk {
@@ -37,26 +38,25 @@ public:
     };
 
     struct OpenFile {
-        UniqueFd fd;                  ///< Empty if the path isn't a regular file or can't be opened.
-        std::uint64_t sizeBytes = 0;  ///< When it was opened, or, unopened, as far as it is known.
-        bool missing = false;         ///< Nothing stands at the path.
+        UniqueFd fd;                  ///< Empty if there is no regular file at the path or it can't be opened.
+        std::uint64_t sizeBytes = 0;  ///< At the time of opening, or of trying to.
+        bool missing = false;         ///< There is no regular file at the path.
     };
 
-    /// Opens the root. `leftOut`: a directory that counts as not there, wherever it lies in the tree. Throws
-    /// std::system_error if the root is no directory or can't be opened.
+    /// `root` as for RootDirectory. `leftOut`: a directory that counts as not there, wherever it lies in the tree.
     CheckpointTree(const std::filesystem::path& root, std::optional<DirectoryId> leftOut);
 
-    /// Lists at most `maxFiles` files. Directories that may not be read or vanish meanwhile are skipped; throws
-    /// std::system_error if the tree can't be walked for another reason.
+    /// Lists at most `maxFiles` files. Directories that may not be read or vanish meanwhile are skipped. Throws
+    /// std::system_error if the root can't be read, or a directory can't for another reason than its own.
     Walk walk(std::size_t maxFiles) const;
 
     OpenFile openFile(const std::string& path) const;
 
-    int rootFd() const { return root_.get(); }
+    const RootDirectory& root() const { return root_; }
     bool isLeftOut(int directoryFd) const;
 
 private:
-    UniqueFd root_;
+    RootDirectory root_;
     std::optional<DirectoryId> leftOut_;
 };
 

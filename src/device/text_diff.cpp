@@ -41,7 +41,8 @@ struct Split {
 Split splitCommonEnds(const Lines& oldLines, const Lines& newLines) {
     Split split;
     const std::size_t shorter = std::min(oldLines.size(), newLines.size());
-    while (split.prefix < shorter && oldLines[split.prefix] == newLines[split.prefix]) ++split.prefix;
+    while (split.prefix < shorter && oldLines[split.prefix] == newLines[split.prefix])
+        ++split.prefix;
     while (split.suffix < shorter - split.prefix &&
            oldLines[oldLines.size() - 1 - split.suffix] == newLines[newLines.size() - 1 - split.suffix]) {
         ++split.suffix;
@@ -67,7 +68,8 @@ public:
     }
 
     void addAll(char mark, LineRange lines) {
-        for (const auto line : lines) add(mark, line);
+        for (const auto line : lines)
+            add(mark, line);
     }
 
     std::string finish() {
@@ -96,7 +98,8 @@ public:
         // Numbers instead of texts: each line is compared as text once, not once for each cell.
         oldNumbers_ = numbered(oldLines);
         newNumbers_ = numbered(newLines);
-        for (std::size_t row = oldNumbers_.size(); row-- > 0;) fillRow(row);
+        for (std::size_t row = oldNumbers_.size(); row-- > 0;)
+            fillRow(row);
     }
 
     bool equal(std::size_t row, std::size_t column) const { return oldNumbers_[row] == newNumbers_[column]; }
