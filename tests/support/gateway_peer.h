@@ -70,12 +70,12 @@ struct GatewayEvent {
 };
 
 struct GatewayPeerOptions {
-    std::string token;           ///< Other tokens are refused with 401; empty takes every one.
-    std::string basePath;        ///< Executors are served at basePath + "/ws/executor", other paths refused with 404.
-    std::uint16_t port = 0;      ///< 0 takes a free one.
-    std::string certificatePem;  ///< Set together with privateKeyPem: serve TLS.
-    std::string privateKeyPem;
-    std::function<void(const GatewayEvent&)> onEvent;  ///< Called on the peer's own thread; must not call the peer.
+    std::string token{};           ///< Other tokens are refused with 401; empty takes every one.
+    std::string basePath{};        ///< Executors are served at basePath + "/ws/executor", other paths refused with 404.
+    std::uint16_t port = 0;        ///< 0 takes a free one.
+    std::string certificatePem{};  ///< Set together with privateKeyPem: serve TLS.
+    std::string privateKeyPem{};
+    std::function<void(const GatewayEvent&)> onEvent{};  ///< Called on the peer's own thread; must not call the peer.
 };
 
 /// A gateway on loopback, built on a WebSocket implementation that isn't the program's own.
