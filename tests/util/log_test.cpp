@@ -1,0 +1,148 @@
+#include "util/log.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "util/utf8.h"
+
+namespace qm {
+namespace {
+
+using testing::EndsWith;
+using testing::SizeIs;
+
+constexpr std::size_t kLongestLine = 1023;
+/// Of "[HH:MM:SS] LEVEL ".
+constexpr std::size_t kPrefixLength = 17;
+
+/// What standard output gets from `write`.
+template <typename Write>
+std::string printedBy(Write write) {
+    testing::internal::CaptureStdout();
+    write();
+    return testing::internal::GetCapturedStdout();
+}
+
+TEST(Log, ALineHasTheTimeTheLevelInFiveColumnsAndTheMessage) {
+    const auto lineOf = [](LogLevel level) { return printedBy([&] { log(level, "a message"); }); };
+    const auto matches = [](const std::string& line, const std::string& level) {
+        return std::regex_match(line, std::regex(R"(\[[0-2]\d:[0-5]\d:[0-6]\d\] )" + level + " a message\n"));
+    };
+
+    EXPECT_TRUE(matches(lineOf(LogLevel::Debug), "DEBUG"));
+    EXPECT_TRUE(matches(lineOf(LogLevel::Info), "INFO "));
+    EXPECT_TRUE(matches(lineOf(LogLevel::Warn), "WARN "));
+    EXPECT_TRUE(matches(lineOf(LogLevel::Error), "ERROR"));
+}
+
+TEST(Log, TheRingHoldsWhatWasPrinted) {
+    const std::string printed = printedBy([] { log(LogLevel::Info, "kept \xE6\x96\x87"); });
+
+    ASSERT_THAT(recentLogLines(1), SizeIs(1));
+    EXPECT_EQ(recentLogLines(1)[0] + "\n", printed);
+}
+
+TEST(Log, ALineOfTheLongestLengthStaysWhole) {
+    const std::string message(kLongestLine - kPrefixLength, 'x');
+
+    const std::string printed = printedBy([&] { log(LogLevel::Info, message); });
+
+    EXPECT_THAT(printed, SizeIs(kLongestLine + 1));
+    EXPECT_THAT(printed, EndsWith("] INFO  " + message + "\n"));
+}
+
+TEST(Log, ALongerLineIsCut) {
+    for (const std::size_t extra : {1U, 2U, 100000U}) {
+        const std::string printed =
+            printedBy([&] { log(LogLevel::Info, std::string(kLongestLine - kPrefixLength + extra, 'x')); });
+
+        EXPECT_THAT(printed, SizeIs(kLongestLine + 1));
+        EXPECT_EQ(recentLogLines(1)[0] + "\n", printed);
+    }
+}
+
+TEST(Log, ACharacterCutInHalfIsReplacedInTheRingOnly) {
+    const std::string head(kLongestLine - kPrefixLength - 2, 'x');
+
+    const std::string printed = printedBy([&] { log(LogLevel::Info, head + "\xE6\x96\x87"); });
+
+    EXPECT_THAT(printed, EndsWith("x\xE6\x96\n"));
+    EXPECT_THAT(recentLogLines(1)[0], EndsWith("x\xEF\xBF\xBD\xEF\xBF\xBD"));
+}
+
+TEST(Log, TheRingHoldsValidUtf8WhateverWasLogged) {
+    printedBy([] { log(LogLevel::Info, "\xFF|\xED\xA0\x80|\xC0\x80|\xF4\x90\x80\x80|"); });
+
+    const std::string line = recentLogLines(1)[0];
+
+    EXPECT_EQ(toStrictUtf8(line), line);
+    EXPECT_EQ(countCodePoints(line), kPrefixLength + 1 + 3 + 2 + 4 + 4);
+}
+
+TEST(Log, AnEmptyMessageIsALine) {
+    EXPECT_THAT(printedBy([] { log(LogLevel::Warn, {}); }), EndsWith("] WARN  \n"));
+}
+
+TEST(Log, TheRingHoldsTheNewestThreeHundredLinesOldestFirst) {
+    printedBy([] {
+        for (int i = 0; i < 301; ++i)
+            log(LogLevel::Debug, "line " + std::to_string(i));
+    });
+
+    const auto lines = recentLogLines(1000);
+
+    ASSERT_THAT(lines, SizeIs(300));
+    EXPECT_THAT(lines.front(), EndsWith(" line 1"));
+    EXPECT_THAT(lines.back(), EndsWith(" line 300"));
+    EXPECT_THAT(recentLogLines(300), SizeIs(300));
+    EXPECT_THAT(recentLogLines(0), SizeIs(0));
+    ASSERT_THAT(recentLogLines(2), SizeIs(2));
+    EXPECT_THAT(recentLogLines(2)[0], EndsWith(" line 299"));
+}
+
+TEST(Log, AShorterRingGivesWhatItHas) {
+    printedBy([] {
+        log(LogLevel::Debug, "one");
+        log(LogLevel::Debug, "two");
+    });
+
+    EXPECT_THAT(recentLogLines(300), SizeIs(2));
+}
+
+TEST(Log, LinesOfSeveralThreadsNeverMix) {
+    const std::string printed = printedBy([] {
+        std::vector<std::jthread> threads;
+        for (const char letter : {'a', 'b', 'c', 'd'}) {
+            threads.emplace_back([letter] {
+                for (int i = 0; i < 100; ++i)
+                    log(LogLevel::Info, std::string(900, letter));
+            });
+        }
+    });
+
+    EXPECT_TRUE(std::regex_match(printed.substr(0, 918), std::regex(R"(\[..:..:..\] INFO  (a+|b+|c+|d+)\n)")));
+    ASSERT_THAT(printed, SizeIs(std::size_t{400} * 918));
+    for (std::size_t line = 0; line < 400; ++line) {
+        const std::string_view text = std::string_view(printed).substr(line * 918, 918);
+        ASSERT_EQ(text.find_first_not_of(text[kPrefixLength], kPrefixLength), 917U) << text;
+    }
+    EXPECT_THAT(recentLogLines(1000), SizeIs(300));
+}
+
+TEST(PrintLine, WritesTheLineAndKeepsItOutOfTheRing) {
+    EXPECT_EQ(printedBy([] { printLine("[host] loaded \xE6\x96\x87"); }), "[host] loaded \xE6\x96\x87\n");
+    EXPECT_THAT(recentLogLines(1), SizeIs(0));
+}
+
+TEST(PrintLine, CutsNothing) {
+    const std::string line(100000, 'x');
+    EXPECT_EQ(printedBy([&] { printLine(line); }), line + "\n");
+}
+
+}  // namespace
+}  // namespace qm
