@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "runtime/journal_fixture.h"
+#include "runtime/jsonl_agent_event_store.h"
+#include "support/temporary_directory.h"
+
+namespace qm {
+namespace {
+
+using qm::test::readFile;
+using qm::test::TemporaryDirectory;
+using qm::test::writeFile;
+using runtime::test::appendFailure;
+using runtime::test::failureOf;
+using runtime::test::makeEnvelope;
+using runtime::test::makeEvents;
+using runtime::test::sealed;
+using runtime::test::sequencesOf;
+
+namespace fs = std::filesystem;
+
+/// Takes the superuser's rights away for a while, so that modes of files hold.
+class WithoutPrivileges {
+public:
+    WithoutPrivileges() {
+        if (::geteuid() == 0) was_ = ::seteuid(65534);
+        EXPECT_NE(::geteuid(), 0U);
+    }
+    ~WithoutPrivileges() {
+        if (was_ != 0) return;
+        EXPECT_EQ(::seteuid(0), 0);
+    }
+    WithoutPrivileges(const WithoutPrivileges&) = delete;
+    WithoutPrivileges& operator=(const WithoutPrivileges&) = delete;
+
+private:
+    int was_ = -1;
+};
+
+/// Lets files grow to this size only, for a while.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        ::getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit{bytes, before_.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+        handler_ = std::signal(SIGXFSZ, SIG_IGN);
+    }
+    ~FileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, handler_);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit before_{};
+    void (*handler_)(int) = SIG_DFL;
+};
+
+class JournalFailure : public testing::Test {
+protected:
+    void SetUp() override { fs::permissions(directory.path(), fs::perms(0755)); }
+
+    std::string readFailure() {
+        return failureOf<std::runtime_error>([this] { store.read("s1", 0); });
+    }
+    std::string failureOfAppend(std::uint64_t expected = 0) {
+        return appendFailure<std::runtime_error>(store, "s1", expected, makeEvents("s1", 1));
+    }
+
+    TemporaryDirectory directory;
+    JsonlAgentEventStore store{directory.path()};
+    const fs::path journals = directory / "agent-events";
+    const fs::path file = store.fileOf("s1");
+    const std::string line = sealed(makeEnvelope("s1", 1, 1)) + "\n";
+};
+
+TEST_F(JournalFailure, AFileThatCannotBeInspectedIsReported) {
+    fs::create_symlink(journals, journals);
+    EXPECT_EQ(readFailure(), "cannot inspect agent journal: Too many levels of symbolic links");
+    EXPECT_EQ(failureOfAppend(), "cannot inspect agent journal: Too many levels of symbolic links");
+}
+
+TEST_F(JournalFailure, ADirectoryThatIsClosedToUsIsReported) {
+    writeFile(file, line);
+    fs::permissions(journals, fs::perms::none);
+    {
+        const WithoutPrivileges nobody;
+        EXPECT_EQ(readFailure(), "cannot inspect agent journal: Permission denied");
+    }
+    fs::permissions(journals, fs::perms(0700));
+}
+
+TEST_F(JournalFailure, AFileThatCannotBeReadIsReported) {
+    writeFile(file, line);
+    fs::permissions(journals, fs::perms(0755));
+    fs::permissions(file, fs::perms::none);
+    const WithoutPrivileges nobody;
+    EXPECT_EQ(readFailure(), "cannot open agent journal for reading");
+    EXPECT_EQ(failureOfAppend(1), "cannot open agent journal for reading");
+}
+
+TEST_F(JournalFailure, WhatIsNoRegularFileIsReported) {
+    fs::create_directories(file);
+    EXPECT_EQ(readFailure(), "cannot open agent journal for reading");
+    EXPECT_EQ(failureOfAppend(), "cannot open agent journal for reading");
+}
+
+TEST_F(JournalFailure, ADirectoryThatCannotBeCreatedIsReported) {
+    writeFile(journals, "a file");
+    EXPECT_TRUE(store.read("s1", 0).empty());
+    EXPECT_EQ(failureOfAppend(), "cannot create agent journal directory: Not a directory");
+
+    JsonlAgentEventStore below(journals / "a/file");
+    EXPECT_EQ(appendFailure<std::runtime_error>(below, "s1", 0, makeEvents("s1", 1)),
+              "cannot create agent journal directory: Not a directory");
+    fs::remove(journals);
+    const WithoutPrivileges nobody;
+    EXPECT_EQ(failureOfAppend(), "cannot create agent journal directory: Permission denied");
+}
+
+TEST_F(JournalFailure, AFileThatCannotBeCreatedIsReported) {
+    fs::create_directories(journals);
+    fs::permissions(journals, fs::perms(0555));
+    const WithoutPrivileges nobody;
+    EXPECT_EQ(failureOfAppend(), "cannot open agent journal for append");
+}
+
+TEST_F(JournalFailure, AFileThatCanOnlyBeReadIsReadButNotAppendedTo) {
+    writeFile(file, line);
+    fs::permissions(journals, fs::perms(0755));
+    fs::permissions(file, fs::perms(0444));
+    const WithoutPrivileges nobody;
+    EXPECT_EQ(store.read("s1", 0).size(), 1U);
+    EXPECT_EQ(failureOfAppend(0), "agent journal append conflict: expected 0, actual 1");
+    EXPECT_EQ(failureOfAppend(1), "cannot open agent journal for append");
+}
+
+TEST_F(JournalFailure, ATailThatCannotBeCutIsReported) {
+    writeFile(file, line + "torn");
+    fs::permissions(journals, fs::perms(0755));
+    fs::permissions(file, fs::perms(0444));
+    const WithoutPrivileges nobody;
+    EXPECT_EQ(failureOfAppend(1), "cannot repair agent journal crash tail: Permission denied");
+}
+
+TEST_F(JournalFailure, AShortWriteIsCutBackAndReported) {
+    store.append("s1", 0, makeEvents("s1", 1));
+    const std::string before = readFile(file);
+    for (const rlim_t room : {rlim_t{1}, rlim_t{100}, rlim_t{0}}) {
+        const FileSizeLimit limit(before.size() + room);
+        EXPECT_EQ(failureOfAppend(1), "cannot flush agent journal append");
+        EXPECT_EQ(fs::file_size(file), before.size());
+    }
+    EXPECT_EQ(readFile(file), before);
+    EXPECT_EQ(sequencesOf(store.append("s1", 1, makeEvents("s1", 1))), std::vector<std::uint64_t>{2});
+    EXPECT_EQ(store.read("s1", 0).size(), 2U);
+}
+
+TEST_F(JournalFailure, AFailedFirstAppendLeavesAnEmptyJournal) {
+    {
+        const FileSizeLimit limit(10);
+        EXPECT_EQ(failureOfAppend(0), "cannot flush agent journal append");
+    }
+    EXPECT_TRUE(store.read("s1", 0).empty());
+    EXPECT_EQ(sequencesOf(store.append("s1", 0, makeEvents("s1", 1))), std::vector<std::uint64_t>{1});
+}
+
+TEST_F(JournalFailure, AJournalThatCannotBeRemovedIsReported) {
+    fs::create_directories(file / "occupied");
+    EXPECT_EQ(failureOf<std::runtime_error>([this] { store.remove("s1"); }),
+              "cannot remove agent journal: Directory not empty");
+}
+
+}  // namespace
+}  // namespace qm
