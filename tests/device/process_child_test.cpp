@@ -172,6 +172,7 @@ TEST(ProcessChild, ProgramsThatChangeProcessGroupsWork) {
 }
 
 TEST(ProcessChild, InheritsTheEnvironmentIfNoneIsNamed) {
+    const test::EnvironmentKept environment;
     ::setenv("QM_TEST_INHERITED", "yes", 1);
 
     EXPECT_EQ(runProcess(shell("echo $QM_TEST_INHERITED")).stdoutText, "yes\n");
@@ -185,6 +186,7 @@ TEST(ProcessChild, GetsExactlyTheEnvironmentNamed) {
 }
 
 TEST(ProcessChild, GetsAnEmptyEnvironmentIfThatIsNamed) {
+    const test::EnvironmentKept environment;
     ::setenv("QM_TEST_INHERITED", "yes", 1);
     ProcessOptions options = program({"/usr/bin/env"});
     options.env.emplace();

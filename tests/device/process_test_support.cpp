@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -74,6 +75,20 @@ int awaitEnd(pid_t child) {
         return ended > 0;
     }));
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+EnvironmentKept::EnvironmentKept() {
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+        before_.emplace_back(*variable);
+    }
+}
+
+EnvironmentKept::~EnvironmentKept() {
+    ::clearenv();
+    for (const std::string& variable : before_) {
+        const std::size_t end = variable.find('=');
+        ::setenv(variable.substr(0, end).c_str(), variable.substr(end + 1).c_str(), 1);
+    }
 }
 
 std::string statusField(const std::string& status, const std::string& name) {

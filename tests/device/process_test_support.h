@@ -39,6 +39,18 @@ public:
 /// Waits for the end of a child; its status as in ProcessResult.
 int awaitEnd(pid_t child);
 
+/// Puts this process's environment back at its end.
+class EnvironmentKept {
+public:
+    EnvironmentKept();
+    ~EnvironmentKept();
+    EnvironmentKept(const EnvironmentKept&) = delete;
+    EnvironmentKept& operator=(const EnvironmentKept&) = delete;
+
+private:
+    std::vector<std::string> before_;
+};
+
 /// Value of a line such as "SigIgn" in the text of /proc/<pid>/status.
 std::string statusField(const std::string& status, const std::string& name);
 

@@ -2,12 +2,20 @@
 
 #include <gtest/gtest.h>
 #include <linux/filter.h>
+#include <linux/landlock.h>
 #include <linux/seccomp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <future>
 #include <thread>
+
+#include "util/unique_fd.h"
 
 namespace qm::test {
 namespace {
@@ -23,7 +31,48 @@ bool installFilter(const std::vector<RefusedCall>& calls) {
     return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
+/// Hands every question for Landlock's version to whoever reads the returned descriptor.
+int listenForVersionQuestions() {
+    std::vector<sock_filter> program{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_landlock_create_ruleset, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, LANDLOCK_CREATE_RULESET_VERSION, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return -1;
+    return static_cast<int>(::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
+}
+
+/// Answers until nobody is left who could ask.
+void answerQuestions(const UniqueFd& listener, int version) {
+    for (;;) {
+        pollfd event{listener.get(), POLLIN, 0};
+        if (::poll(&event, 1, -1) < 0 || (event.revents & POLLIN) == 0) return;
+        seccomp_notif question{};
+        if (::ioctl(listener.get(), SECCOMP_IOCTL_NOTIF_RECV, &question) != 0) continue;
+        seccomp_notif_resp answer{};
+        answer.id = question.id;
+        answer.val = version;
+        ::ioctl(listener.get(), SECCOMP_IOCTL_NOTIF_SEND, &answer);
+    }
+}
+
 }  // namespace
+
+void withLandlockVersion(int version, const std::function<void()>& body) {
+    std::promise<int> listening;
+    std::jthread thread([&] {
+        const int listener = listenForVersionQuestions();
+        listening.set_value(listener);
+        if (listener >= 0) body();
+    });
+    const UniqueFd listener(listening.get_future().get());
+    ASSERT_TRUE(listener);
+    answerQuestions(listener, version);
+}
 
 void withRefusedCalls(const std::vector<RefusedCall>& calls, const std::function<void()>& body) {
     std::thread([&] {
