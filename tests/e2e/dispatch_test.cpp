@@ -120,7 +120,7 @@ TEST_F(Dispatch, NothingLeavesAWorkspace) {
 TEST_F(Dispatch, AWorkspaceIsNamedByItsHandleOnly) {
     EXPECT_EQ(gateway_.execute("list_workspaces"),
               (json{{"workspaces",
-                     {{{"id", "ws_test0001"}, {"label", "label of ws_test0001"}, {"permission", "READ_WRITE"}}}}}));
+                     {{{"workspace", "ws_test0001"}, {"label", "label of ws_test0001"}, {"permission", "READ_WRITE"}}}}}));
 }
 
 TEST_F(Dispatch, ResolutionToolsArentSupported) {
@@ -142,7 +142,7 @@ TEST_F(Dispatch, MetricsAreASnapshotOfTheDevice) {
     const auto reply = replyTo({{"type", "metricsRequest"}});
 
     EXPECT_EQ(reply.at("type"), "metricsResult");
-    const auto& data = reply.at("data");
+    const json data = reply.at("data");
     EXPECT_EQ(data.at("node").at("nodeId"), home_.dataFile("instance-id"));
     EXPECT_EQ(data.at("node").at("version"), "3.0.1-native");
     EXPECT_EQ(data.at("cpu").at("systemLoadPct"), 0) << "the first request has nothing to compare with";
@@ -156,7 +156,7 @@ TEST_F(Dispatch, MetricsAreASnapshotOfTheDevice) {
     EXPECT_GE(data.at("uptimeMs"), 0);
     EXPECT_GT(data.at("timestamp"), 1600000000000);
 
-    const auto& load = replyTo({{"type", "metricsRequest"}}).at("data").at("cpu");
+    const auto load = replyTo({{"type", "metricsRequest"}}).at("data").at("cpu");
     EXPECT_LE(load.at("systemLoadPct"), 100.0);
     EXPECT_LE(load.at("processLoadPct"), 100.0);
 }

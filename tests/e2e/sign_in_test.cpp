@@ -126,7 +126,7 @@ TEST_F(SignIn, WithoutAnAccountInTheAnswerTheGivenEmailIsShown) {
 
     const auto run = runWithInput(setup(), "given@example.test\nsecret\n");
 
-    EXPECT_THAT(run.output, HasSubstr("登录成功: given@example.test\n设备凭据"));
+    EXPECT_THAT(run.output, HasSubstr("登录成功: given@example.test"));
 }
 
 TEST_F(SignIn, ChangesTokenAndGatewayOnlyAndSavesOnce) {

@@ -94,6 +94,9 @@ struct ChildPlan {
             std::signal(signal, SIG_DFL);
         }
         const bool streams = input < 0 || (dup2(input, 0) == 0 && dup2(output, 1) == 1 && dup2(error, 2) == 2);
+        // The peers' library doesn't make its sockets close-on-exec: a listener that lived on in the child would never
+        // refuse a connection.
+        close_range(3, ~0U, 0);
         if (streams && (workingDirectory == nullptr || chdir(workingDirectory) == 0)) {
             execve(program, arguments, environment);
         }

@@ -67,7 +67,7 @@ private:
         check(result.contains("workspaces") && !result["workspaces"].empty(), "there is a workspace");
         check(result.dump().find("hostPath") == std::string::npos, "its place on the host isn't told");
         for (const auto& entry : result["workspaces"]) {
-            if (entry.value("permission", "") != "READ_ONLY") workspace_ = entry.at("id");
+            if (entry.value("permission", "") != "READ_ONLY") workspace_ = entry.at("workspace");
         }
         check(!workspace_.empty(), "one may be written to: " + workspace_);
     }
