@@ -35,10 +35,12 @@ class FileBeside {
 public:
     /// `replaced` is the regular file that stands at the place, if any: its mode and owner go on. Until it has them,
     /// the new file is readable for nobody else.
-    FileBeside(int directoryFd, const struct stat* replaced)
-        : directoryFd_(directoryFd), name_(randomId(".restoring-", 12)) {
+    FileBeside(int directoryFd, const struct stat* replaced) : directoryFd_(directoryFd) {
         const mode_t mode = replaced == nullptr ? 0666 : 0600;
-        fd_ = UniqueFd(::openat(directoryFd_, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+        do {
+            name_ = randomId(".restoring-", 12);
+            fd_ = UniqueFd(::openat(directoryFd_, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+        } while (!fd_ && errno == EEXIST);
         if (fd_ && replaced != nullptr) takeOver(*replaced);
     }
     ~FileBeside() {
