@@ -79,14 +79,20 @@ TEST_F(SlowWork, AReplyAfterItsSessionIsLostAndHarmsNothing) {
     EXPECT_TRUE(gateway_.execute("device_time").contains("utcTime"));
 }
 
-TEST_F(SlowWork, AKeyInFlightIsRefusedAtOnce) {
-    startSearch("first", "same-key");
-    gateway_.request({{"type", "metricsRequest"}});
+TEST_F(SlowWork, OfTwoRequestsWithOneKeyOneIsRefusedAtOnceAndTheOtherIsCarriedOut) {
+    startSearch("one", "same-key");
+    startSearch("other", "same-key");
+    const auto ofThePair = [](const ReceivedFrame& frame) {
+        return frame.message.value("type", "") == "executeResult";
+    };
+
+    const auto early = gateway_.waitForFrame(ofThePair);
+    const auto late = gateway_.waitForFrame(ofThePair, std::chrono::seconds(120));
 
     EXPECT_EQ(
-        gateway_.execute("find_files", {{"workspace", "ws_slow0001"}, {"pattern", "slow*"}},
-                         {{"idempotencyKey", "same-key"}}),
+        early.message.at("result"),
         (json{{"error", "This invocation is already executing on this device (duplicate idempotency key same-key)."}}));
+    EXPECT_EQ(late.message.at("result").at("matches").size(), 500U);
 }
 
 }  // namespace

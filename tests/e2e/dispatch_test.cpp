@@ -118,9 +118,10 @@ TEST_F(Dispatch, NothingLeavesAWorkspace) {
 }
 
 TEST_F(Dispatch, AWorkspaceIsNamedByItsHandleOnly) {
-    EXPECT_EQ(gateway_.execute("list_workspaces"),
-              (json{{"workspaces",
-                     {{{"workspace", "ws_test0001"}, {"label", "label of ws_test0001"}, {"permission", "READ_WRITE"}}}}}));
+    EXPECT_EQ(
+        gateway_.execute("list_workspaces"),
+        (json{{"workspaces",
+               {{{"workspace", "ws_test0001"}, {"label", "label of ws_test0001"}, {"permission", "READ_WRITE"}}}}}));
 }
 
 TEST_F(Dispatch, ResolutionToolsArentSupported) {
