@@ -1,0 +1,132 @@
+#include "device/worktree_git.h"
+
+#include <gmock/gmock.h>
+
+#include <map>
+#include <sstream>
+
+#include "device/worktree_fixture.h"
+
+namespace qm::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+using Environment = std::map<std::string, std::string>;
+
+ProcessResult ended(int exitCode, std::string errors) {
+    ProcessResult result;
+    result.started = true;
+    result.exitCode = exitCode;
+    result.stderrText = std::move(errors);
+    return result;
+}
+
+class WorktreeGitCalls : public WorktreeTest {
+protected:
+    /// Lets every call of git leave its arguments, one a line, in the file "calls".
+    void recordCalls() {
+        replaceGit("printf '%s|' \"$PWD\" \"$@\" >> '" + (directory_ / "calls").string() + "'\necho >> '" +
+                   (directory_ / "calls").string() + "'\nexec \"$REAL_GIT\" \"$@\"\n");
+    }
+
+    std::vector<std::string> calls() {
+        std::vector<std::string> lines;
+        std::istringstream stream(readFile(directory_ / "calls"));
+        for (std::string line; std::getline(stream, line);)
+            lines.push_back(line);
+        return lines;
+    }
+};
+
+TEST_F(WorktreeGitCalls, ArgumentsAndDirectoriesAreExactlyThoseOfTheTable) {
+    recordCalls();
+
+    const auto tree = service_.create(source_, "", 0).record;
+    service_.remove(tree.id, false);
+
+    const std::string source = repository_.string() + "|";
+    EXPECT_THAT(calls(),
+                testing::ElementsAre(source + "rev-parse|--git-dir|",
+                                     source + "worktree|add|--no-checkout|-b|" + tree.branch + "|" + tree.path + "|",
+                                     tree.path + "|checkout|", tree.path + "|status|--porcelain|",
+                                     source + "worktree|remove|--force|" + tree.path + "|",
+                                     source + "branch|-D|" + tree.branch + "|"));
+}
+
+TEST_F(WorktreeGitCalls, TheTimeLimitsAreThoseOfTheTable) {
+    const WorktreeTimeouts timeouts;
+
+    EXPECT_EQ(timeouts.revParseMs, 15000);
+    EXPECT_EQ(timeouts.addMs, 120000);
+    EXPECT_EQ(timeouts.checkoutMs, 180000);
+    EXPECT_EQ(timeouts.statusMs, 60000);
+    EXPECT_EQ(timeouts.cleanUpMs, 60000);
+    EXPECT_EQ(timeouts.removeMs, 120000);
+    EXPECT_EQ(timeouts.deleteBranchMs, 60000);
+}
+
+TEST_F(WorktreeGitCalls, InheritedGitVariablesAreDroppedAndOthersKept) {
+    replaceGit("exec env\n");
+    setenv("GIT_DIR", "/elsewhere", 1);
+    setenv("GIT_CONFIG_PARAMETERS", "'core.hooksPath=/evil'", 1);
+    setenv("GIT_CONFIG_KEY_7", "core.editor", 1);
+    setenv("GITHUB", "kept", 1);
+
+    std::istringstream lines(WorktreeGit("/trees").run(directory_.path(), {"status"}, 60'000).stdoutText);
+
+    Environment environment;
+    for (std::string line; std::getline(lines, line);) {
+        const auto equals = line.find('=');
+        if (line.starts_with("GIT")) environment[line.substr(0, equals)] = line.substr(equals + 1);
+    }
+    EXPECT_EQ(environment, (Environment{{"GITHUB", "kept"},
+                                        {"GIT_CEILING_DIRECTORIES", "/trees"},
+                                        {"GIT_CONFIG_COUNT", "2"},
+                                        {"GIT_CONFIG_KEY_0", "core.hooksPath"},
+                                        {"GIT_CONFIG_VALUE_0", "/dev/null"},
+                                        {"GIT_CONFIG_KEY_1", "core.fsmonitor"},
+                                        {"GIT_CONFIG_VALUE_1", "false"}}));
+}
+
+TEST_F(WorktreeGitCalls, OutputBeyondTheCapIsDropped) {
+    replaceGit("head -c 100000 /dev/zero | tr '\\0' x\n");
+
+    const auto result = WorktreeGit("/trees").run(directory_.path(), {"status"}, 60'000);
+
+    EXPECT_EQ(result.stdoutText.size(), 98304U);
+}
+
+TEST(WorktreeGit, AFailureIsTheLabelAndTheReason) {
+    ProcessResult unstarted;
+    unstarted.error = "fork 失败";
+    ProcessResult slow = ended(137, "half a line");
+    slow.timedOut = true;
+
+    EXPECT_EQ(WorktreeGit::failureText("创建工作树失败", unstarted), "创建工作树失败：无法执行 git");
+    EXPECT_EQ(WorktreeGit::failureText("创建工作树失败", slow), "创建工作树失败：git 超时");
+    EXPECT_EQ(WorktreeGit::failureText("创建工作树失败", ended(1, " \r\n\tfatal: no\n\n")),
+              "创建工作树失败：fatal: no");
+    EXPECT_EQ(WorktreeGit::failureText("创建工作树失败", ended(1, " \n")), "创建工作树失败");
+}
+
+TEST(WorktreeGit, AReasonIsCutBehind400BytesWithAMark) {
+    EXPECT_EQ(WorktreeGit::failureText("x", ended(1, std::string(400, 'e'))), "x：" + std::string(400, 'e'));
+    EXPECT_EQ(WorktreeGit::failureText("x", ended(1, std::string(401, 'e'))), "x：" + std::string(400, 'e') + "…");
+    // A character of three bytes would end behind byte 401.
+    EXPECT_EQ(WorktreeGit::failureText("x", ended(1, std::string(398, 'e') + "错")),
+              "x：" + std::string(398, 'e') + "…");
+}
+
+TEST(WorktreeGit, OnlyAnExitWithZeroInTimeSucceeds) {
+    ProcessResult late = ended(0, "");
+    late.timedOut = true;
+
+    EXPECT_TRUE(WorktreeGit::succeeded(ended(0, "warning")));
+    EXPECT_FALSE(WorktreeGit::succeeded(ended(1, "")));
+    EXPECT_FALSE(WorktreeGit::succeeded(late));
+    EXPECT_FALSE(WorktreeGit::succeeded(ProcessResult()));
+}
+
+}  // namespace
+}  // namespace qm::test
