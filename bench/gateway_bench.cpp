@@ -12,6 +12,8 @@
 #include "capabilities/capability_registry.h"
 #include "capabilities/core_capabilities.h"
 #include "core/executor_core.h"
+#include "device/checkpoint_service.h"
+#include "device/terminal_service.h"
 #include "device/workspace_registry.h"
 #include "net/ws_connection.h"
 #include "support/executor_process.h"
@@ -72,7 +74,9 @@ void executeRoundTrip(benchmark::State& state) {
     CapabilityRegistry registry;
     WorkspaceRegistry workspaces(directory.path());
     registerCoreCapabilities(registry, "bench");
-    ExecutorCore core(settingsFor(gateway.url()), registry, workspaces, directory.path());
+    TerminalService terminal;
+    CheckpointService checkpoints(directory.path());
+    ExecutorCore core(settingsFor(gateway.url()), registry, workspaces, terminal, checkpoints, directory.path());
     std::thread loop([&] { core.run(); });
     gateway.waitForRegister();
 

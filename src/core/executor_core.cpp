@@ -7,6 +7,8 @@
 #include "core/gateway_dispatch.h"
 #include "core/register_message.h"
 #include "core/status_record.h"
+#include "device/checkpoint_service.h"
+#include "device/terminal_service.h"
 #include "device/workspace_registry.h"
 #include "net/cancel_signal.h"
 #include "net/ws_connection.h"
@@ -23,16 +25,24 @@ ModelState modelState() {
     return {};
 }
 
+TurnCheckpointer turnCheckpointer(CheckpointService& checkpoints) {
+    return [&checkpoints](const Workspace& workspace, const std::string& label) {
+        return checkpoints.create(workspace, label);
+    };
+}
+
 }  // namespace
 
 ExecutorCore::ExecutorCore(Settings settings, CapabilityRegistry& registry, WorkspaceRegistry& workspaces,
+                           TerminalService& terminal, CheckpointService& checkpoints,
                            const std::filesystem::path& dataDir, CoreTiming timing)
     : timing_(timing),
       registry_(registry),
       workspaces_(workspaces),
+      terminal_(terminal),
       settings_(std::move(settings)),
       settingsStore_(dataDir),
-      services_(std::make_shared<GatewayServices>(registry, workspaces, TurnCheckpointer())),
+      services_(std::make_shared<GatewayServices>(registry, workspaces, turnCheckpointer(checkpoints))),
       tasks_(std::make_shared<DetachedTasks>()) {
     host_.services = services_;
     host_.settings = [this] { return settingsCopy(); };
@@ -44,6 +54,7 @@ ExecutorCore::ExecutorCore(Settings settings, CapabilityRegistry& registry, Work
 ExecutorCore::~ExecutorCore() {
     registry_.setChangeListener({});
     stop();
+    terminal_.shutdown();
     tasks_->waitUntilIdle(timing_.drainLimit);
 }
 

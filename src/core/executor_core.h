@@ -22,6 +22,8 @@ namespace qm {
 
 class CancelSignal;
 class CapabilityRegistry;
+class CheckpointService;
+class TerminalService;
 class WorkspaceRegistry;
 class WsConnection;
 
@@ -46,11 +48,12 @@ public:
     /// Gets events for the local user interface; called with no lock held.
     using LocalEventSink = std::function<void(std::string_view event, const json& data)>;
 
-    /// The registries belong to the caller and outlive the core and its detachedTasks().
+    /// The registries and services belong to the caller and outlive the core and its detachedTasks().
     ExecutorCore(Settings settings, CapabilityRegistry& registry, WorkspaceRegistry& workspaces,
-                 const std::filesystem::path& dataDir, CoreTiming timing = {});
-    /// Stops, and waits a limited time for work in flight; see detachedTasks(). No other thread may change the
-    /// capability table meanwhile.
+                 TerminalService& terminal, CheckpointService& checkpoints, const std::filesystem::path& dataDir,
+                 CoreTiming timing = {});
+    /// Stops, ends all commands of the terminal, and waits a limited time for work in flight; see detachedTasks(). No
+    /// other thread may change the capability table meanwhile.
     ~ExecutorCore();
     ExecutorCore(const ExecutorCore&) = delete;
     ExecutorCore& operator=(const ExecutorCore&) = delete;
@@ -80,8 +83,8 @@ public:
     /// Empty removes it.
     void setLocalEventSink(LocalEventSink sink);
 
-    /// Work on threads that nobody joins. What is still running once the core is gone uses the registries only; their
-    /// owner must not destroy them before it ends.
+    /// Work on threads that nobody joins. What is still running once the core is gone uses the registries and services
+    /// only; their owner must not destroy them before it ends.
     std::shared_ptr<const DetachedTasks> detachedTasks() const { return tasks_; }
 
 private:
@@ -100,6 +103,7 @@ private:
     const CoreTiming timing_;
     CapabilityRegistry& registry_;
     WorkspaceRegistry& workspaces_;
+    TerminalService& terminal_;
 
     mutable std::mutex settingsMutex_;
     Settings settings_;

@@ -18,7 +18,13 @@
 #include "core/settings_store.h"
 #include "core/signal_thread.h"
 #include "core/terminal_prompt.h"
+#include "device/checkpoint_capabilities.h"
+#include "device/checkpoint_service.h"
 #include "device/filesystem_capabilities.h"
+#include "device/process_host.h"
+#include "device/sandbox.h"
+#include "device/terminal_capabilities.h"
+#include "device/terminal_service.h"
 #include "device/workspace_registry.h"
 #include "util/log.h"
 #include "util/version.h"
@@ -103,15 +109,21 @@ void logStart(const std::filesystem::path& dataDirectory, const Settings& settin
 /// The run phase: builds the services, runs until a stop, and takes everything down in reverse order.
 int serve(const Settings& settings, const std::filesystem::path& dataDirectory) {
     SignalThread::blockSignals();
+    prepareProcessHost();
     logStart(dataDirectory, settings);
+    logSandboxSupport();
 
     WorkspaceRegistry workspaces(dataDirectory);
     workspaces.load();
+    TerminalService terminal;
+    CheckpointService checkpoints(dataDirectory);
     CapabilityRegistry registry;
     registerCoreCapabilities(registry, kVersion);
     registerFilesystemCapabilities(registry, workspaces);
+    registerTerminalCapabilities(registry, workspaces, terminal);
+    registerCheckpointCapabilities(registry, workspaces, checkpoints);
 
-    auto core = std::make_unique<ExecutorCore>(settings, registry, workspaces, dataDirectory);
+    auto core = std::make_unique<ExecutorCore>(settings, registry, workspaces, terminal, checkpoints, dataDirectory);
     const std::shared_ptr<const DetachedTasks> inFlight = core->detachedTasks();
     SignalThread signals(*core);
     core->run();

@@ -9,6 +9,8 @@
 
 #include "capabilities/capability_registry.h"
 #include "core/executor_core.h"
+#include "device/checkpoint_service.h"
+#include "device/terminal_service.h"
 #include "device/workspace_registry.h"
 #include "support/temporary_directory.h"
 #include "support/wait_until.h"
@@ -46,7 +48,8 @@ inline Settings settingsFor(const std::string& gatewayUrl) {
 class RunningCore {
 public:
     explicit RunningCore(Settings settings, CoreTiming timing = patientTiming())
-        : core(std::make_unique<ExecutorCore>(std::move(settings), registry, workspaces, directory.path(), timing)) {
+        : core(std::make_unique<ExecutorCore>(std::move(settings), registry, workspaces, terminal, checkpoints,
+                                              directory.path(), timing)) {
         core->setLocalEventSink([this](std::string_view event, const json& data) { take(event, data); });
     }
 
@@ -78,6 +81,8 @@ public:
     TemporaryDirectory directory;
     CapabilityRegistry registry;
     WorkspaceRegistry workspaces{directory.path()};
+    TerminalService terminal;
+    CheckpointService checkpoints{directory.path()};
     std::unique_ptr<ExecutorCore> core;
 
 private:
