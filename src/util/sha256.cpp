@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 #if defined(__x86_64__)
 #include <cpuid.h>
@@ -36,56 +38,61 @@ std::uint32_t loadBigEndian(const std::uint8_t* bytes) {
            std::uint32_t{bytes[3]};
 }
 
-/// One round. Instead of moving all eight words along, the caller rotates the arguments.
-inline void doRound(std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t& d, std::uint32_t e,
-                    std::uint32_t f, std::uint32_t g, std::uint32_t& h, std::uint32_t constantAndWord) {
-    const std::uint32_t sum1 = rotateRight(e, 6) ^ rotateRight(e, 11) ^ rotateRight(e, 25);
-    const std::uint32_t sum0 = rotateRight(a, 2) ^ rotateRight(a, 13) ^ rotateRight(a, 22);
-    const std::uint32_t choice = g ^ (e & (f ^ g));
-    const std::uint32_t majority = (a & b) | (c & (a | b));
-    const std::uint32_t mixed = h + sum1 + choice + constantAndWord;
-    d += mixed;
-    h = mixed + sum0 + majority;
-}
+using Words = std::array<std::uint32_t, 16>;
 
 /// Replaces word `i` of the schedule, kept as a ring of 16, by the word 16 places later.
-inline void extendSchedule(std::array<std::uint32_t, 16>& words, std::size_t i) {
+template <std::size_t i>
+[[gnu::always_inline]] inline void extendSchedule(Words& words) {
     const std::uint32_t early = words[(i + 1) % 16];
     const std::uint32_t late = words[(i + 14) % 16];
     words[i] += (rotateRight(early, 7) ^ rotateRight(early, 18) ^ early >> 3) + words[(i + 9) % 16] +
                 (rotateRight(late, 17) ^ rotateRight(late, 19) ^ late >> 10);
 }
 
+/// Round `i` of sixteen. Instead of moving all eight words along, their roles move: all indices are constants, so the
+/// compiler keeps the words in registers.
+template <std::size_t i>
+[[gnu::always_inline]] inline void doRound(std::array<std::uint32_t, 8>& roles, std::uint32_t constantAndWord) {
+    const std::uint32_t a = roles[(16 - i) % 8];
+    const std::uint32_t b = roles[(17 - i) % 8];
+    const std::uint32_t c = roles[(18 - i) % 8];
+    std::uint32_t& d = roles[(19 - i) % 8];
+    const std::uint32_t e = roles[(20 - i) % 8];
+    const std::uint32_t f = roles[(21 - i) % 8];
+    const std::uint32_t g = roles[(22 - i) % 8];
+    std::uint32_t& h = roles[(23 - i) % 8];
+    const std::uint32_t sum1 = rotateRight(e, 6) ^ rotateRight(e, 11) ^ rotateRight(e, 25);
+    const std::uint32_t sum0 = rotateRight(a, 2) ^ rotateRight(a, 13) ^ rotateRight(a, 22);
+    const std::uint32_t mixed = h + sum1 + (g ^ (e & (f ^ g))) + constantAndWord;
+    d += mixed;
+    h = mixed + sum0 + ((a & b) | (c & (a | b)));
+}
+
+/// Sixteen rounds, which bring the roles back to their places; with `extends` each takes the next word of the schedule.
+template <bool extends, std::size_t... i>
+[[gnu::always_inline]] inline void sixteenRounds(std::array<std::uint32_t, 8>& roles, Words& words,
+                                                 const std::uint32_t* constants, std::index_sequence<i...>) {
+    const auto step = [&]<std::size_t round>(std::integral_constant<std::size_t, round>) {
+        if constexpr (extends) extendSchedule<round>(words);
+        doRound<round>(roles, constants[round] + words[round]);
+    };
+    (step(std::integral_constant<std::size_t, i>()), ...);
+}
+
 void compressPortable(std::uint32_t* state, const std::uint8_t* blocks, std::size_t count) {
+    constexpr auto kRounds = std::make_index_sequence<16>();
     for (; count > 0; --count, blocks += kBlockSize) {
-        std::array<std::uint32_t, 16> words{};
+        Words words{};
         for (std::size_t i = 0; i < words.size(); ++i)
             words[i] = loadBigEndian(blocks + 4 * i);
-        auto [a, b, c, d, e, f, g, h] =
-            std::array{state[0], state[1], state[2], state[3], state[4], state[5], state[6], state[7]};
-
-        const auto eightRounds = [&](const std::uint32_t* constants, const std::uint32_t* word) {
-            doRound(a, b, c, d, e, f, g, h, constants[0] + word[0]);
-            doRound(h, a, b, c, d, e, f, g, constants[1] + word[1]);
-            doRound(g, h, a, b, c, d, e, f, constants[2] + word[2]);
-            doRound(f, g, h, a, b, c, d, e, constants[3] + word[3]);
-            doRound(e, f, g, h, a, b, c, d, constants[4] + word[4]);
-            doRound(d, e, f, g, h, a, b, c, constants[5] + word[5]);
-            doRound(c, d, e, f, g, h, a, b, constants[6] + word[6]);
-            doRound(b, c, d, e, f, g, h, a, constants[7] + word[7]);
-        };
-        eightRounds(&kRoundConstants[0], &words[0]);
-        eightRounds(&kRoundConstants[8], &words[8]);
-        for (std::size_t first = 16; first < 64; first += 16) {
-            for (std::size_t i = 0; i < words.size(); ++i)
-                extendSchedule(words, i);
-            eightRounds(&kRoundConstants[first], &words[0]);
-            eightRounds(&kRoundConstants[first + 8], &words[8]);
-        }
-
-        const std::array added{a, b, c, d, e, f, g, h};
-        for (std::size_t i = 0; i < added.size(); ++i)
-            state[i] += added[i];
+        std::array<std::uint32_t, 8> roles{};
+        std::copy_n(state, roles.size(), roles.begin());
+        sixteenRounds<false>(roles, words, &kRoundConstants[0], kRounds);
+        sixteenRounds<true>(roles, words, &kRoundConstants[16], kRounds);
+        sixteenRounds<true>(roles, words, &kRoundConstants[32], kRounds);
+        sixteenRounds<true>(roles, words, &kRoundConstants[48], kRounds);
+        for (std::size_t i = 0; i < roles.size(); ++i)
+            state[i] += roles[i];
     }
 }
 
