@@ -81,6 +81,18 @@ TEST_F(Dispatch, ExecuteTakesArgumentsAndInvocationOfAnotherTypeAsMissing) {
     EXPECT_TRUE(reply.at("result").contains("utcTime"));
 }
 
+TEST_F(Dispatch, AnInvocationOfTheWrongShapeGetsNoReplyAndEndsNothing) {
+    const json malformed[] = {{{"idempotencyKey", 7}}, {{"round", "first"}}, {{"workspace", 7}}};
+    for (const auto& invocation : malformed) {
+        gateway_.send({{"type", "execute"}, {"capabilityId", "device_time"}, {"invocation", invocation}});
+    }
+    gateway_.send({{"type", "execute"}, {"capabilityId", "device_time"}, {"args", {{"workspace", 7}}}});
+
+    executor_.waitForOutput("ERROR 后台任务 execute 异常已拦截: ", 4);
+    EXPECT_TRUE(gateway_.execute("device_time").contains("utcTime"));
+    expectNothingElseSent();
+}
+
 TEST_F(Dispatch, ExecutePassesTheInvocationToThePipeline) {
     const json arguments{{"path", "a.txt"}, {"content", "x"}};
     EXPECT_EQ(gateway_.execute("write_file", arguments, {{"workspace", "ws_test0001"}, {"access", "read"}}).at("error"),
