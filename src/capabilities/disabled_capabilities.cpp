@@ -23,9 +23,4 @@ bool DisabledCapabilities::contains(std::string_view name) const {
     return names_.contains(name);
 }
 
-std::size_t DisabledCapabilities::count() const {
-    const std::lock_guard lock(mutex_);
-    return names_.size();
-}
-
 }  // namespace qm

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <set>
@@ -20,7 +19,6 @@ public:
     void set(std::string_view name, bool enabled);
 
     bool contains(std::string_view name) const;
-    std::size_t count() const;
 
 private:
     mutable std::mutex mutex_;
