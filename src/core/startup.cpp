@@ -26,6 +26,9 @@
 #include "device/terminal_capabilities.h"
 #include "device/terminal_service.h"
 #include "device/workspace_registry.h"
+#include "device/worktree_capabilities.h"
+#include "device/worktree_service.h"
+#include "util/clock.h"
 #include "util/log.h"
 #include "util/version.h"
 
@@ -117,11 +120,15 @@ int serve(const Settings& settings, const std::filesystem::path& dataDirectory) 
     workspaces.load();
     TerminalService terminal;
     CheckpointService checkpoints(dataDirectory);
+    WorktreeService worktrees(dataDirectory, workspaces);
+    worktrees.reload();
+    worktrees.prune(wallClockMs());
     CapabilityRegistry registry;
     registerCoreCapabilities(registry, kVersion);
     registerFilesystemCapabilities(registry, workspaces);
     registerTerminalCapabilities(registry, workspaces, terminal);
     registerCheckpointCapabilities(registry, workspaces, checkpoints);
+    registerWorktreeCapabilities(registry, worktrees);
 
     auto core = std::make_unique<ExecutorCore>(settings, registry, workspaces, terminal, checkpoints, dataDirectory);
     const std::shared_ptr<const DetachedTasks> inFlight = core->detachedTasks();

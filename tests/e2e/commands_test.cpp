@@ -86,12 +86,23 @@ TEST_F(Commands, NoCredentialAndNoDescriptorOfTheExecutorReachesACommand) {
 }
 
 TEST_F(Commands, ASandboxedCommandWritesInItsWorkspaceOnly) {
-    const auto result = run("echo in > inside.txt && echo out > ../outside.txt", {{"sandbox", "WORKSPACE"}});
+    // Not below "/tmp", which stays writable.
+    const std::filesystem::path outside = "/var/tmp/qm-outside-" + home_.home().filename().string();
+
+    const auto result = run("echo in > inside.txt && echo out > " + outside.string(), {{"sandbox", "WORKSPACE"}});
 
     EXPECT_EQ(result.at("sandbox"), "WORKSPACE");
     EXPECT_NE(result.at("exitCode"), 0);
     EXPECT_EQ(readFile(workspace_ / "inside.txt"), "in\n");
-    EXPECT_FALSE(std::filesystem::exists(workspace_.parent_path() / "outside.txt"));
+    EXPECT_FALSE(std::filesystem::remove(outside));
+}
+
+TEST_F(Commands, AReadOnlyCommandWritesNowhere) {
+    const auto result = run("cat in.txt; echo x > inside.txt", {{"sandbox", "READ_ONLY"}});
+
+    EXPECT_EQ(result.at("sandbox"), "READ_ONLY");
+    EXPECT_NE(result.at("exitCode"), 0);
+    EXPECT_FALSE(std::filesystem::exists(workspace_ / "inside.txt"));
 }
 
 TEST_F(Commands, ACommandIsKilledWithItsWholeTree) {
