@@ -9,8 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <ctime>
 
 #include "device/process_host.h"
 
@@ -33,8 +35,9 @@ private:
     sigset_t before_{};
 };
 
-// Everything below up to launchChild() runs in the child, where other threads' locks may be held for ever: system calls
-// only, no allocation, no exception.
+// Everything below up to launchChild() runs in a child that shares the parent's memory or has a copy of it in which
+// other threads' locks may be held for ever: system calls only, no allocation, no exception, nothing written but
+// locals.
 
 void takeDefaultSignals() {
     struct sigaction byDefault {};
@@ -50,6 +53,21 @@ void takeDefaultSignals() {
 void dieWithParent(pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent) ::_exit(kExitNotExecuted);
+}
+
+/// The parent can't look at the clock before the program is executed, and the file systems involved may never answer.
+/// The timer goes with the execution.
+void dieAfter(std::int64_t limitMs) {
+    sigevent kill{};
+    kill.sigev_notify = SIGEV_SIGNAL;
+    kill.sigev_signo = SIGKILL;
+    timer_t timer{};
+    if (::timer_create(CLOCK_MONOTONIC, &kill, &timer) != 0) return;
+    const std::int64_t ms = std::max<std::int64_t>(limitMs, 1);  // Zero would disarm it.
+    itimerspec limit{};
+    limit.it_value.tv_sec = ms / 1000;
+    limit.it_value.tv_nsec = ms % 1000 * 1'000'000;
+    ::timer_settime(timer, 0, &limit, nullptr);
 }
 
 /// A group leader can't leave by setsid(), but every process may give its terminal up, and one that leads no session
@@ -84,6 +102,8 @@ void closeOtherDescriptors() {
 [[noreturn]] void runChild(const ChildPlan& plan, pid_t parent) {
     ::setpgid(0, 0);
     dieWithParent(parent);
+    dieAfter(plan.limitMs);
+    if (plan.control != nullptr && !plan.control->announce(::getpid())) ::kill(::getpid(), SIGKILL);
     putInPlace(plan.stdoutFd, STDOUT_FILENO);
     putInPlace(plan.stderrFd, STDERR_FILENO);
     closeOtherDescriptors();  // Also makes room for those opened below, should the parent have used up its limit.
@@ -113,7 +133,7 @@ void closeOtherDescriptors() {
 pid_t launchChild(const ChildPlan& plan) {
     const SignalsBlocked signalsBlocked;
     const pid_t parent = ::getpid();
-    const pid_t child = ::fork();
+    const pid_t child = ::vfork();
     if (child == 0) runChild(plan, parent);
     // Both sides make the group, so it exists whichever runs first; the later call changes nothing.
     if (child > 0) ::setpgid(child, child);

@@ -13,26 +13,33 @@ void ProcessControl::kill() {
     killGroup();
 }
 
+bool ProcessControl::announce(pid_t processGroup) {
+    // A kill sets its flag and then looks for the group: one of the two always sees the other.
+    processGroup_.store(processGroup);
+    return !killRequested_.load();
+}
+
 void ProcessControl::attach(pid_t processGroup, int wakeFd) {
     const std::lock_guard lock(mutex_);
-    processGroup_ = processGroup;
+    processGroup_.store(processGroup);
     wakeFd_ = wakeFd;
     if (killRequested_.load()) killGroup();
 }
 
 bool ProcessControl::detach() {
     const std::lock_guard lock(mutex_);
-    processGroup_ = 0;
+    processGroup_.store(0);
     wakeFd_ = -1;
     return killRequested_.load();
 }
 
 void ProcessControl::killGroup() {
-    if (processGroup_ <= 0) return;
-    ::kill(-processGroup_, SIGKILL);
+    const pid_t group = processGroup_.load();
+    if (group <= 0) return;
+    ::kill(-group, SIGKILL);
     // The leader may have ended long ago, and those that keep its output open may be out of the group's reach: then
     // nothing but this tells the running thread to stop waiting. A full counter has woken it already.
-    ::eventfd_write(wakeFd_, 1);
+    if (wakeFd_ >= 0) ::eventfd_write(wakeFd_, 1);
 }
 
 }  // namespace qm

@@ -20,6 +20,11 @@ public:
     /// True once kill() was called; never cleared.
     bool killRequested() const { return killRequested_.load(); }
 
+    /// For the child itself, which shares this memory until it executes its program: names its group, so that kill()
+    /// reaches it even if the program's file never answers. Whether it may go on; false if a kill was asked for before.
+    /// Takes no lock.
+    bool announce(pid_t processGroup);
+
     /// For the thread that runs the process: names the group that kill() shall hit and the eventfd that it raises to
     /// wake that thread. Kills the group at once if that was asked for before. `wakeFd` stays the caller's and must
     /// stay open until detach().
@@ -32,10 +37,10 @@ public:
 private:
     void killGroup();
 
-    std::mutex mutex_;
+    std::mutex mutex_;  ///< Keeps detach() from coming between a kill's look at the group and its signal.
     std::atomic<bool> killRequested_{false};
-    pid_t processGroup_ = 0;  ///< 0 when there is no live group.
-    int wakeFd_ = -1;         ///< Set and cleared together with `processGroup_`.
+    std::atomic<pid_t> processGroup_{0};  ///< 0 when there is no live group.
+    int wakeFd_ = -1;                     ///< -1 unless attached.
 };
 
 }  // namespace qm

@@ -109,7 +109,9 @@ bool ProcessRun::launch() {
                            .cwd = options_.cwd.empty() ? nullptr : options_.cwd.c_str(),
                            .sandbox = &options_.sandbox,
                            .stdoutFd = stdout_.writeEnd(),
-                           .stderrFd = stderr_.writeEnd()});
+                           .stderrFd = stderr_.writeEnd(),
+                           .control = control_,
+                           .limitMs = options_.timeoutMs - elapsedMs() + 1});
     if (leader_ < 0) return false;
     result_.started = true;
     stdout_.closeWriteEnd();

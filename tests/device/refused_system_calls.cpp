@@ -31,16 +31,8 @@ bool installFilter(const std::vector<RefusedCall>& calls) {
     return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
-/// Hands every question for Landlock's version to whoever reads the returned descriptor.
-int listenForVersionQuestions() {
-    std::vector<sock_filter> program{
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_landlock_create_ruleset, 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, LANDLOCK_CREATE_RULESET_VERSION, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
+/// Installs a program that hands some calls to whoever reads the returned descriptor.
+int listen(std::vector<sock_filter> program) {
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return -1;
     return static_cast<int>(::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter));
@@ -65,7 +57,14 @@ void answerQuestions(const UniqueFd& listener, int version) {
 void withLandlockVersion(int version, const std::function<void()>& body) {
     std::promise<int> listening;
     std::jthread thread([&] {
-        const int listener = listenForVersionQuestions();
+        const int listener = listen({
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_landlock_create_ruleset, 0, 3),
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, LANDLOCK_CREATE_RULESET_VERSION, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        });
         listening.set_value(listener);
         if (listener >= 0) body();
     });
@@ -77,6 +76,19 @@ void withLandlockVersion(int version, const std::function<void()>& body) {
 void withRefusedCalls(const std::vector<RefusedCall>& calls, const std::function<void()>& body) {
     std::thread([&] {
         ASSERT_TRUE(installFilter(calls));
+        body();
+    }).join();
+}
+
+void withHangingCall(int number, const std::function<void()>& body) {
+    std::thread([&] {
+        const UniqueFd nobodyAnswers(listen({
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(number), 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        }));
+        ASSERT_TRUE(nobodyAnswers);
         body();
     }).join();
 }

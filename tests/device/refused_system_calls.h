@@ -14,6 +14,9 @@ struct RefusedCall {
 /// one without resources would. What is started from there, threads and processes, lives under the same rule.
 void withRefusedCalls(const std::vector<RefusedCall>& calls, const std::function<void()>& body);
 
+/// Runs `body` on a thread on which a system call never comes back, like one into a file system that has gone away.
+void withHangingCall(int number, const std::function<void()>& body);
+
 /// Runs `body` on a thread on which the kernel says that its Landlock has the given version, though it keeps the rules
 /// of its own.
 void withLandlockVersion(int version, const std::function<void()>& body);

@@ -357,6 +357,37 @@ TEST(RunProcess, AKernelWithoutMemoryToWaitWithGivesUpTheOutputButNotTheStatus) 
     });
 }
 
+TEST(RunProcess, TheTimeLimitHoldsForAProgramThatCannotBeReached) {
+    test::withHangingCall(SYS_execve, [] {
+        ProcessOptions options = shell("true");
+        options.timeoutMs = 300;
+
+        const ProcessResult result = runProcess(options, std::make_shared<ProcessControl>());
+
+        EXPECT_TRUE(result.timedOut);
+        EXPECT_FALSE(result.cancelled);
+        EXPECT_EQ(result.exitCode, 137);
+        EXPECT_LT(result.durationMs, 20'000);
+    });
+}
+
+TEST(RunProcess, AKillReachesAChildThatCannotReachItsProgram) {
+    for (const int call : {SYS_execve, SYS_chdir}) {
+        test::withHangingCall(call, [] {
+            ProcessOptions options = shell("true");
+            options.cwd = "/";
+            const auto control = std::make_shared<ProcessControl>();
+            std::jthread killer([&] { control->kill(); });
+
+            const ProcessResult result = runProcess(options, control);
+
+            EXPECT_TRUE(result.cancelled);
+            EXPECT_EQ(result.exitCode, 137);
+            EXPECT_LT(result.durationMs, 20'000);
+        });
+    }
+}
+
 TEST(RunProcess, ManyRunsAtOnceKeepTheirOutputsApart) {
     std::vector<std::jthread> threads;
     for (int index = 0; index < 16; ++index) {
