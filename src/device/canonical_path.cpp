@@ -128,16 +128,6 @@ private:
     std::error_code error_;
 };
 
-bool hasOnlyPlainComponents(std::string_view path) {
-    while (!path.empty()) {
-        path.remove_prefix(1);
-        const std::string_view component = path.substr(0, path.find('/'));
-        if (component.empty() || component == "." || component == "..") return false;
-        path.remove_prefix(component.size());
-    }
-    return true;
-}
-
 }  // namespace
 
 CanonicalPath followLinks(std::string_view base, std::string_view path) {
@@ -153,9 +143,20 @@ CanonicalPath followLinks(std::string_view base, std::string_view path) {
     return LinkFollower(base, path).run();
 }
 
-bool existsAsCanonical(std::string_view path) {
+bool isPlainAbsolute(std::string_view path) {
     if (!path.starts_with('/') || path.find('\0') != std::string_view::npos) return false;
-    if (path.size() > 1 && !hasOnlyPlainComponents(path)) return false;
+    if (path == "/") return true;
+    while (!path.empty()) {
+        path.remove_prefix(1);
+        const std::string_view component = path.substr(0, path.find('/'));
+        if (component.empty() || component == "." || component == "..") return false;
+        path.remove_prefix(component.size());
+    }
+    return true;
+}
+
+bool existsAsCanonical(std::string_view path) {
+    if (!isPlainAbsolute(path)) return false;
     return static_cast<bool>(openat2(AT_FDCWD, std::string(path).c_str(), O_PATH, 0, RESOLVE_NO_SYMLINKS));
 }
 

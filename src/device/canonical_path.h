@@ -21,6 +21,9 @@ struct CanonicalPath {
 /// it is missing or no directory, stays and counts as a missing component. Any thread.
 CanonicalPath followLinks(std::string_view base, std::string_view path);
 
+/// Whether `path` is absolute and could be canonical by its form: no ".", "..", doubled or trailing slash, no NUL.
+bool isPlainAbsolute(std::string_view path);
+
 /// Whether the absolute path `path` exists and is canonical already. One system call at most; false also where the
 /// kernel can't tell.
 bool existsAsCanonical(std::string_view path);

@@ -45,7 +45,7 @@ const char* typeName(EntryType type) {
 
 /// Null if the entry is gone or has become something else since its name was read.
 json describeEntry(const DirectoryEntry& entry, int directory) {
-    json described{{"name", sanitizeUtf8(entry.name)}, {"type", typeName(entry.type)}};
+    json described{{"name", toStrictUtf8(entry.name)}, {"type", typeName(entry.type)}};
     if (entry.type != EntryType::File) return described;
     struct stat status {};
     if (::fstatat(directory, entry.name.data(), &status, AT_SYMLINK_NOFOLLOW) != 0) return nullptr;
@@ -71,6 +71,34 @@ std::string readPiece(int file, std::int64_t sizeBytes, std::int64_t offset, std
     }
     piece.resize(used);
     return piece;
+}
+
+/// A regular file, open for reading, or why there is none.
+struct OpenedFile {
+    UniqueFd descriptor;
+    struct stat status {};
+    std::string relativePath;
+    std::string refusal;
+};
+
+OpenedFile openForReading(const WorkspaceRegistry& workspaces, const json& arguments) {
+    OpenedFile file;
+    if (auto presumed = workspaces.presume(textArgument(arguments, "workspace"), textArgument(arguments, "path"))) {
+        file.descriptor = openRegularFileWithoutLinks(presumed->hostPath, file.status);
+        file.relativePath = std::move(presumed->relativePath);
+        if (file.descriptor) return file;
+    }
+    auto resolved = resolveExisting(workspaces, arguments);
+    if (!resolved.ok) {
+        file.refusal = std::move(resolved.error);
+        return file;
+    }
+    std::error_code error;
+    file.descriptor =
+        RootDirectory(resolved.rootPath).openRegularFile(resolved.relativePath, O_RDONLY, file.status, error);
+    file.relativePath = std::move(resolved.relativePath);
+    if (error) file.refusal = error == RootDirectory::kNotRegularFile ? "不是普通文件" : "无法打开文件";
+    return file;
 }
 
 }  // namespace
@@ -113,30 +141,23 @@ json listDirectory(const WorkspaceRegistry& workspaces, const json& arguments) {
     }
     if (error) throw std::system_error(error, "cannot read the directory");
     return json{
-        {"path", sanitizeUtf8(resolved.relativePath)}, {"entries", std::move(entries)}, {"truncated", truncated}};
+        {"path", toStrictUtf8(resolved.relativePath)}, {"entries", std::move(entries)}, {"truncated", truncated}};
 }
 
 json readFile(const WorkspaceRegistry& workspaces, const json& arguments) {
     const std::int64_t offset = std::max<std::int64_t>(integerArgument(arguments, "offsetBytes", 0), 0);
     const std::int64_t wanted =
         std::clamp<std::int64_t>(integerArgument(arguments, "maxBytes", kMaxReadBytes), 0, kMaxReadBytes);
-    const auto resolved = resolveExisting(workspaces, arguments);
-    if (!resolved.ok) return failure(resolved.error);
+    const OpenedFile file = openForReading(workspaces, arguments);
+    if (!file.descriptor) return failure(file.refusal);
 
-    struct stat status {};
-    std::error_code error;
-    const UniqueFd file =
-        RootDirectory(resolved.rootPath).openRegularFile(resolved.relativePath, O_RDONLY, status, error);
-    if (error == RootDirectory::kNotRegularFile) return failure("不是普通文件");
-    if (!file) return failure("无法打开文件");
-
-    const std::string raw = readPiece(file.get(), status.st_size, offset, wanted);
+    const std::string raw = readPiece(file.descriptor.get(), file.status.st_size, offset, wanted);
     std::string content = sanitizeUtf8(raw);
     // Unsigned, because an offset near the end of the range and a piece more pass the signed one.
     const std::uint64_t nextOffset = static_cast<std::uint64_t>(offset) + raw.size();
-    const auto totalBytes = static_cast<std::uint64_t>(status.st_size);
+    const auto totalBytes = static_cast<std::uint64_t>(file.status.st_size);
     json result;
-    result["path"] = sanitizeUtf8(resolved.relativePath);
+    result["path"] = toStrictUtf8(file.relativePath);
     result["sanitized"] = content != raw;
     result["content"] = std::move(content);
     result["bytesRead"] = raw.size();
@@ -153,7 +174,7 @@ json statPath(const WorkspaceRegistry& workspaces, const json& arguments) {
     std::error_code error;
     const auto status = RootDirectory(resolved.rootPath).status(resolved.relativePath, error);
     if (!status) throw std::system_error(error, "cannot look at the path");
-    json result{{"path", sanitizeUtf8(resolved.relativePath)},
+    json result{{"path", toStrictUtf8(resolved.relativePath)},
                 {"exists", true},
                 {"isDirectory", S_ISDIR(status->st_mode)},
                 {"isFile", S_ISREG(status->st_mode)},

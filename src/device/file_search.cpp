@@ -39,7 +39,7 @@ json collectMatches(UniqueFd start, const Glob& glob, const std::string& prefix)
         if (!isMatchingFile(*entry, glob)) continue;
         std::string path = prefix;
         path += entry->path;
-        matches.push_back(sanitizeUtf8(path));
+        matches.push_back(toStrictUtf8(path));
     }
     return matches;
 }

@@ -87,7 +87,7 @@ json writeFile(const WorkspaceRegistry& workspaces, const json& arguments) {
         root.openRegularFile(resolved.relativePath, O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC), status, error);
     if (!file) return failure("无法写入文件");
     if (!writeAndClose(std::move(file), content)) return failure("写入失败");
-    return json{{"path", sanitizeUtf8(resolved.relativePath)},
+    return json{{"path", toStrictUtf8(resolved.relativePath)},
                 {"bytesWritten", content.size()},
                 {"appended", append},
                 {"linesAdded", lines.added},
@@ -101,7 +101,7 @@ json makeDirectory(const WorkspaceRegistry& workspaces, const json& arguments) {
     std::error_code error;
     const bool created = RootDirectory(resolved.rootPath).makeDirectories(resolved.relativePath, error);
     if (error) return failure("创建目录失败");
-    return json{{"path", sanitizeUtf8(resolved.relativePath)}, {"created", created}};
+    return json{{"path", toStrictUtf8(resolved.relativePath)}, {"created", created}};
 }
 
 }  // namespace qm

@@ -15,6 +15,9 @@ namespace {
 
 constexpr int kDirectoryHandle = O_PATH | O_DIRECTORY;
 
+/// Opening waits for nobody and makes no terminal the process's own.
+constexpr int kHarmless = O_NONBLOCK | O_NOCTTY;
+
 std::error_code systemError(int number) {
     return {number, std::generic_category()};
 }
@@ -97,10 +100,20 @@ UniqueFd openBelow(RootDirectory::LookUp lookUp, int root, std::string_view path
     return openComponentWise(root, path, flags, mode, error);
 }
 
+/// A cheap first look that may be led astray by a link on the way: nothing but the choice of the next step hangs on it.
+bool looksRegularOrMissing(int root, const std::string& path) {
+    struct stat status {};
+    return ::fstatat(root, path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 || S_ISREG(status.st_mode);
+}
+
 }  // namespace
 
 RootDirectory::RootDirectory(const std::filesystem::path& root, LookUp lookUp) : lookUp_(lookUp) {
     // The root's own path is free of links too, and it is held to that in the same way, from "/".
+    if (lookUp_ == LookUp::KernelFirst) {
+        root_ = openat2(AT_FDCWD, root.c_str(), kDirectoryHandle, 0, RESOLVE_NO_SYMLINKS);
+        if (root_) return;
+    }
     const UniqueFd top(::open("/", kDirectoryHandle | O_CLOEXEC));
     if (!top) {
         rootError_ = systemError(errno);
@@ -121,15 +134,13 @@ UniqueFd RootDirectory::open(std::string_view path, int flags, std::error_code& 
 
 UniqueFd RootDirectory::openRegularFile(std::string_view path, int flags, struct stat& status,
                                         std::error_code& error) const {
-    const auto before = this->status(path, error);
-    const bool mayBeMissing = (flags & O_CREAT) != 0 && error == std::errc::no_such_file_or_directory;
-    if (!before && !mayBeMissing) return {};
-    if (before && !S_ISREG(before->st_mode)) {
-        error = std::make_error_code(kNotRegularFile);
-        return {};
+    if (root_ && !looksRegularOrMissing(root_.get(), std::string(path.empty() ? "." : path))) {
+        const auto before = this->status(path, error);
+        if (before && !S_ISREG(before->st_mode)) error = std::make_error_code(kNotRegularFile);
+        if (error) return {};
     }
     // Between the two looks anything may have been put in its place: opening it must not wait, and it is tested again.
-    UniqueFd fd = open(path, flags | O_NONBLOCK | O_NOCTTY, error);
+    UniqueFd fd = open(path, flags | kHarmless, error);
     if (!fd) return {};
     if (::fstat(fd.get(), &status) != 0) {
         error = systemError(errno);
@@ -174,6 +185,13 @@ bool RootDirectory::makeDirectories(std::string_view path, std::error_code& erro
         directory = openOne(directory.get(), component, kDirectoryHandle, 0, error);
     }
     return created;
+}
+
+UniqueFd openRegularFileWithoutLinks(const std::string& path, struct stat& status) {
+    if (!looksRegularOrMissing(AT_FDCWD, path)) return {};
+    UniqueFd fd = openat2(AT_FDCWD, path.c_str(), O_RDONLY | kHarmless, 0, RESOLVE_NO_SYMLINKS);
+    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    return fd;
 }
 
 }  // namespace qm

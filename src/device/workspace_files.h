@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -47,5 +48,10 @@ private:
     UniqueFd root_;
     std::error_code rootError_;
 };
+
+/// Opens the regular file at the absolute path `path` for reading, and fills in its `status`, if neither it nor any
+/// directory above it is a symbolic link: the commonest case in the fewest system calls. Empty for whatever other
+/// reason too; RootDirectory then tells which.
+UniqueFd openRegularFileWithoutLinks(const std::string& path, struct stat& status);
 
 }  // namespace qm

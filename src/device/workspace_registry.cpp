@@ -230,6 +230,21 @@ ResolvedPath WorkspaceRegistry::resolve(std::string_view id, std::string_view re
     return resolved;
 }
 
+std::optional<WorkspaceRegistry::PresumedPath> WorkspaceRegistry::presume(std::string_view id,
+                                                                          std::string_view relativePath) const {
+    PresumedPath presumed{{}, normalisedInput(relativePath)};
+    if (presumed.relativePath.empty() || !lexicalRefusal(presumed.relativePath).empty()) return std::nullopt;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto workspace =
+            std::find_if(workspaces_.begin(), workspaces_.end(), [id](const Workspace& each) { return each.id == id; });
+        if (workspace == workspaces_.end()) return std::nullopt;
+        presumed.hostPath = joinBelow(workspace->hostPath.native(), presumed.relativePath);
+    }
+    if (!isPlainAbsolute(presumed.hostPath)) return std::nullopt;
+    return presumed;
+}
+
 // Overwrites in place, with mutex_ held: the table is small and changes at the owner's hand only.
 void WorkspaceRegistry::save() const {
     json records = json::array();

@@ -75,6 +75,15 @@ public:
     /// Never throws for bad input: `ok` is false and `error` says why.
     ResolvedPath resolve(std::string_view id, std::string_view relativePath, ResolveMode mode) const;
 
+    /// Where a path lies if it leads through no link, found without a look at the disk. Nothing where only resolve()
+    /// can tell: an unknown handle, a path that it would refuse, or one with "." or doubled slashes. For callers that
+    /// open what is there without following links, and ask resolve() when that fails.
+    struct PresumedPath {
+        std::string hostPath;
+        std::string relativePath;
+    };
+    std::optional<PresumedPath> presume(std::string_view id, std::string_view relativePath) const;
+
 private:
     void save() const;
 

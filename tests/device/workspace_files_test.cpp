@@ -263,5 +263,39 @@ TEST_P(RootDirectoryTest, ALinkThatIsSwappedInMeanwhileNeverLeadsOut) {
     EXPECT_EQ(std::distance(fs::directory_iterator(outside), {}), 1);
 }
 
+class WithoutLinks : public ::testing::Test {
+protected:
+    bool opens(const std::string& name) {
+        status = {};
+        return static_cast<bool>(openRegularFileWithoutLinks(directory / name, status));
+    }
+
+    TemporaryDirectory directory;
+    struct stat status {};
+};
+
+TEST_F(WithoutLinks, ARegularFileIsOpenedWithItsStatus) {
+    writeFile(directory / "dir/file", "12345");
+    EXPECT_TRUE(opens("dir/file"));
+    EXPECT_EQ(status.st_size, 5);
+}
+
+TEST_F(WithoutLinks, NeitherALinkNorWhatLiesBehindOneIsOpened) {
+    writeFile(directory / "dir/file", "");
+    fs::create_symlink("dir", directory / "dirLink");
+    fs::create_symlink("dir/file", directory / "fileLink");
+    EXPECT_FALSE(opens("dirLink/file"));
+    EXPECT_FALSE(opens("fileLink"));
+}
+
+TEST_F(WithoutLinks, NothingButARegularFileIsOpenedAndNothingBlocks) {
+    fs::create_directory(directory / "dir");
+    ASSERT_EQ(::mkfifo((directory / "pipe").c_str(), 0666), 0);
+    EXPECT_FALSE(opens("dir"));
+    EXPECT_FALSE(opens("pipe"));
+    EXPECT_FALSE(opens("none"));
+    EXPECT_FALSE(openRegularFileWithoutLinks("/dev/zero", status));
+}
+
 }  // namespace
 }  // namespace qm

@@ -287,5 +287,25 @@ TEST(WorkspaceResolution, ARelativeRootWrittenByHandStandsBelowTheWorkingDirecto
     EXPECT_EQ(registry.resolve("ws_1", "", ResolveMode::MustExist).hostPath, fs::current_path());
 }
 
+TEST_F(Resolution, AnOrdinaryPathIsPresumedWhereResolutionFindsIt) {
+    writeFile(root / "src/main.cpp", "");
+    for (const auto* const path : {"src/main.cpp", " src\\main.cpp\n", "src"}) {
+        const auto presumed = registry.presume(id, path);
+        ASSERT_TRUE(presumed) << path;
+        EXPECT_EQ(presumed->hostPath, resolve(path).hostPath);
+        EXPECT_EQ(presumed->relativePath, resolve(path).relativePath);
+    }
+}
+
+TEST_F(Resolution, NothingIsPresumedOfPathsThatOnlyResolutionCanJudge) {
+    for (const std::string& path :
+         {std::string(), std::string("."), std::string("../x"), std::string("/etc/passwd"), std::string("a:b"),
+          std::string("a/./b"), std::string("a//b"), std::string("a/"), std::string("a\0b", 3), std::string("a/..")}) {
+        EXPECT_FALSE(registry.presume(id, path)) << path;
+    }
+    EXPECT_FALSE(registry.presume("ws_none", "a"));
+    EXPECT_FALSE(registry.presume("", "a"));
+}
+
 }  // namespace
 }  // namespace qm
