@@ -85,6 +85,29 @@ TEST(Reconnect, ComesAfter60SecondsWhenTheRegistrationWasRejectedAndAfter5TheNex
     expectReconnectAfter(gateway, gateway.waitForEnd(2).at, seconds(5));
 }
 
+TEST(Reconnect, ASessionLeavesNeitherThreadsNorDescriptorsBehind) {
+    const ExecutorHome home;
+    GatewayPeer gateway;
+    ExecutorProcess executor(home.against(gateway));
+    const auto settled = [&] {
+        gateway.waitForRegister();
+        executor.waitForOutput("connected & registered", gateway.sessionCount());
+    };
+    settled();
+    // The heartbeat's thread starts a moment after the log line.
+    ASSERT_TRUE(waitUntil([&] { return executor.threadCount() >= 3; }));
+    const auto threads = executor.threadCount();
+    const auto descriptors = executor.descriptorCount();
+
+    for (int i = 0; i < 2; ++i) {
+        gateway.drop();
+        settled();
+    }
+
+    EXPECT_TRUE(waitUntil([&] { return executor.threadCount() == threads; })) << executor.threadCount();
+    EXPECT_EQ(executor.descriptorCount(), descriptors);
+}
+
 TEST(Reconnect, ARejectionsReasonIsLogged) {
     const ExecutorHome home;
     GatewayPeer gateway;

@@ -42,7 +42,7 @@ TEST(Registration, IsTheFirstMessageAndDescribesTheDevice) {
                                                                "url", "mode", "modelSource", "maxTaskRounds",
                                                                "protocolFeatures", "capabilities", "extensions"));
     EXPECT_EQ(message.at("type"), "register");
-    EXPECT_EQ(message.at("agentId").get<std::string>() + "\n", home.dataFile("instance-id") + "\n");
+    EXPECT_EQ(message.at("agentId"), home.dataFile("instance-id"));
     EXPECT_EQ(message.at("name"), "Ünï box");
     EXPECT_EQ(message.at("description"), "a test's device");
     EXPECT_EQ(message.at("version"), "3.0.1-native");

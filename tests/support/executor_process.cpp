@@ -170,6 +170,8 @@ std::ostream& operator<<(std::ostream& stream, const ExitStatus& status) {
 
 struct ExecutorProcess::Impl {
     void start(const ProcessSetup& setup) {
+        // Writing to a program that has ended already must fail the test, not kill it.
+        std::signal(SIGPIPE, SIG_IGN);
         std::vector<std::string> arguments{setup.program.string()};
         arguments.insert(arguments.end(), setup.arguments.begin(), setup.arguments.end());
         auto environment = environmentOf(setup);

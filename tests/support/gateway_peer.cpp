@@ -93,7 +93,10 @@ public:
         if (writes_.size() == 1) writeNext();
     }
 
-    void drop() override { resetConnection(tcpOf(ws_.next_layer())); }
+    void drop() override {
+        dropped_ = true;
+        resetConnection(tcpOf(ws_.next_layer()));
+    }
 
 private:
     void answer() {
@@ -163,7 +166,7 @@ private:
         end.closeFrame = closeFrameCame_;
         end.code = ws_.reason().code;
         end.reason = std::string(ws_.reason().reason.c_str());
-        end.error = error.message();
+        end.error = dropped_ ? "dropped by the gateway" : error.message();
         end.at = std::chrono::steady_clock::now();
         observer_.onEnded(number_, std::move(end));
         // After a close frame of the other side the library has answered it already.
