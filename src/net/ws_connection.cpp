@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "net/http_response.h"

@@ -3,13 +3,13 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
 #include <string_view>
 
 #include "net/cancel_signal.h"
+#include "net/send_turn.h"
 #include "net/socket.h"
 #include "net/url.h"
 #include "net/ws_frame.h"
@@ -70,7 +70,7 @@ private:
     static constexpr std::size_t kReadBlock = 16384;
 
     // Orders all writers, and with them the use of random_.
-    std::timed_mutex sendMutex_;
+    SendTurn sendMutex_;
     std::atomic<bool> closed_ = false;
     std::atomic<bool> sendFailed_ = false;
     std::mt19937 random_;
