@@ -18,7 +18,7 @@ constexpr std::chrono::seconds kTourLimit{120};
 class DevGateway : public testing::Test {
 protected:
     ExecutorHome home_;
-    std::filesystem::path workspace_ = home_.addWorkspace("ws_demo0001");
+    std::filesystem::path workspace_ = home_.addWorkspace("ws_demo0001", "EXECUTE");
     const std::filesystem::path portFile_ = home_.home() / "port";
     std::unique_ptr<ExecutorProcess> gateway_;
     std::unique_ptr<ExecutorProcess> executor_;
@@ -34,8 +34,9 @@ protected:
         ASSERT_TRUE(waitUntil([this] { return std::filesystem::exists(portFile_) && !readFile(portFile_).empty(); }));
         auto port = readFile(portFile_);
         port.pop_back();
-        executor_ = std::make_unique<ExecutorProcess>(
-            home_.setup({"--gateway", "http://127.0.0.1:" + port, "--token", kToken}));
+        auto executor = home_.setup({"--gateway", "http://127.0.0.1:" + port, "--token", kToken});
+        executor.environment["QM_SYNC_HANDOFF_MS"] = "500";
+        executor_ = std::make_unique<ExecutorProcess>(executor);
         gateway_->type(input);
         gateway_->closeInput();
     }
@@ -52,7 +53,7 @@ TEST_F(DevGateway, TheTourHoldsFromBeginningToEnd) {
 
     EXPECT_EQ(gateway_->waitForExit(kTourLimit), ExitStatus{}) << gateway_->output() << gateway_->errorOutput();
 
-    EXPECT_THAT(gateway_->output(), HasSubstr("[10/10]"));
+    EXPECT_THAT(gateway_->output(), HasSubstr("[15/15]"));
     EXPECT_THAT(gateway_->output(), HasSubstr("The tour is over, and everything was as it should be."));
     EXPECT_EQ(readFile(workspace_ / "hello-from-the-gateway.txt"), "first line\nsecond line\nappended\n");
 }

@@ -38,6 +38,12 @@ public:
             {"It asks what kind of machine this is", &Tour::systemInfo},
             {"It takes a snapshot of the device's load", &Tour::metrics},
             {"It repeats a request with one idempotency key: the work is done once", &Tour::idempotentRetry},
+            {"It takes a checkpoint of the workspace", &Tour::checkpoint},
+            {"It runs a command that the kernel lets write in the workspace only", &Tour::sandboxedCommand},
+            {"A command takes longer than anybody waits: it is handed back and goes on in the background",
+             &Tour::handOff},
+            {"It looks at what has changed since the checkpoint", &Tour::changes},
+            {"It takes the workspace back to the checkpoint", &Tour::restore},
             {"The connection breaks; the executor comes back by itself after 5 s", &Tour::reconnect},
         };
         std::size_t number = 0;
@@ -67,9 +73,10 @@ private:
         check(result.contains("workspaces") && !result["workspaces"].empty(), "there is a workspace");
         check(result.dump().find("hostPath") == std::string::npos, "its place on the host isn't told");
         for (const auto& entry : result["workspaces"]) {
-            if (entry.value("permission", "") != "READ_ONLY") workspace_ = entry.at("workspace");
+            const auto permission = entry.value("permission", "");
+            if (permission == "EXECUTE" || permission == "FULL") workspace_ = entry.at("workspace");
         }
-        check(!workspace_.empty(), "one may be written to: " + workspace_);
+        check(!workspace_.empty(), "in one of them commands may run: " + workspace_);
     }
 
     void writeFile() {
@@ -121,6 +128,45 @@ private:
         check(content == std::string(kText) + "appended\n", "the line is there once");
     }
 
+    void checkpoint() {
+        const auto result = execute("create_checkpoint", inWorkspace({{"label", "before the commands"}}));
+        checkpoint_ = result.value("checkpoint", "");
+        check(!checkpoint_.empty() && result.value("complete", false), "the checkpoint is whole: " + checkpoint_);
+    }
+
+    void sandboxedCommand() {
+        const auto inside = execute(
+            "run_command",
+            inWorkspace({{"command", "wc -l < " + std::string(kFile) + " | tee lines.txt"}, {"sandbox", "WORKSPACE"}}));
+        check(inside.value("state", "") == "EXITED" && inside.value("exitCode", -1) == 0, "the command succeeds");
+        check(inside.value("stdout", "") == "3\n", "it read the file and wrote another");
+        const auto outside =
+            execute("run_command", inWorkspace({{"command", "touch /var/tmp/qm-tour"}, {"sandbox", "WORKSPACE"}}));
+        check(outside.value("exitCode", 0) != 0, "writing elsewhere fails, whoever runs the executor");
+    }
+
+    void handOff() {
+        const auto handed = execute("run_command", inWorkspace({{"command", "sleep 3; echo finally > late.txt"}}));
+        check(handed.value("state", "") == "RUNNING",
+              "it still runs (an executor started with a "
+              "QM_SYNC_HANDOFF_MS above 2000 waits longer than that)");
+        const auto ended =
+            execute("wait_command", {{"commandId", handed.value("commandId", "")}, {"timeoutMs", 30000}});
+        check(ended.value("finished", false) && ended.value("exitCode", -1) == 0, "it was waited for, and succeeded");
+    }
+
+    void changes() {
+        const auto result = execute("show_changes", inWorkspace({{"checkpoint", checkpoint_}}));
+        check(result.value("changeCount", 0) == 2,
+              "two files were added, by commands: " + result.at("changes").at(0).value("path", "") + " and " +
+                  result.at("changes").at(1).value("path", ""));
+    }
+
+    void restore() {
+        const auto result = execute("restore_checkpoint", inWorkspace({{"checkpoint", checkpoint_}}));
+        check(result.value("verified", false) && result.value("deletedFiles", 0) == 2, "both are gone again");
+    }
+
     void reconnect() {
         const auto before = gateway_.sessionCount();
         const auto dropped = steady_clock::now();
@@ -157,6 +203,7 @@ private:
     test::GatewayPeer& gateway_;
     Console& console_;
     std::string workspace_;
+    std::string checkpoint_;
 };
 
 }  // namespace
