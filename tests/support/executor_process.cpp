@@ -59,8 +59,9 @@ std::vector<std::string> environmentOf(const ProcessSetup& setup) {
         variables[name] = value;
     }
     std::vector<std::string> lines;
+    lines.reserve(variables.size());
     for (const auto& [name, value] : variables) {
-        lines.push_back(name + "=" + value);
+        lines.push_back(std::string(name).append("=").append(value));
     }
     return lines;
 }
@@ -68,6 +69,7 @@ std::vector<std::string> environmentOf(const ProcessSetup& setup) {
 /// The null-terminated array of pointers that execve() takes; valid as long as `strings`.
 std::vector<char*> pointersTo(std::vector<std::string>& strings) {
     std::vector<char*> pointers;
+    pointers.reserve(strings.size() + 1);
     for (auto& text : strings) {
         pointers.push_back(text.data());
     }
