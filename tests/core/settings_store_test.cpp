@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cstdlib>
-#include <regex>
 #include <string>
 
 #include "support/ordinary_user.h"
@@ -339,8 +338,7 @@ TEST_F(SettingsStoreTest, AnEmptyOldTokenIsNone) {
 TEST_F(SettingsStoreTest, TheIdentityIsMadeOnceAndKept) {
     const std::string nodeId = store_.load().nodeId;
 
-    EXPECT_TRUE(
-        std::regex_match(nodeId, std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}")));
+    EXPECT_THAT(nodeId, testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
     EXPECT_EQ(readFile(instanceId_), nodeId);
     EXPECT_EQ(store_.load().nodeId, nodeId);
     EXPECT_EQ(SettingsStore(directory_.path()).load().nodeId, nodeId);

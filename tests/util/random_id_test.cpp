@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -12,9 +11,11 @@
 namespace qm {
 namespace {
 
+using testing::MatchesRegex;
+
 TEST(RandomId, IsThePrefixAndTheGivenNumberOfCharacters) {
-    EXPECT_TRUE(std::regex_match(randomId("ws_", 10), std::regex("ws_[0-9a-z]{10}")));
-    EXPECT_TRUE(std::regex_match(randomId("", 1), std::regex("[0-9a-z]")));
+    EXPECT_THAT(randomId("ws_", 10), MatchesRegex("ws_[0-9a-z]{10}"));
+    EXPECT_THAT(randomId("", 1), MatchesRegex("[0-9a-z]"));
     EXPECT_EQ(randomId("ck_", 0), "ck_");
 }
 
@@ -38,11 +39,11 @@ TEST(RandomId, ShortLivedThreadsDoNotRepeatEachOther) {
 }
 
 TEST(RandomUuid, IsOfVersionFourAndOfTheStandardVariantInLowerCase) {
-    const std::regex form("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+    const auto hasForm = MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
     std::set<std::string> uuids;
     for (int i = 0; i < 2000; ++i) {
         const std::string uuid = randomUuid();
-        ASSERT_TRUE(std::regex_match(uuid, form)) << uuid;
+        ASSERT_THAT(uuid, hasForm);
         uuids.insert(uuid);
     }
     EXPECT_EQ(uuids.size(), 2000U);
