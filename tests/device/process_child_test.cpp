@@ -140,7 +140,7 @@ TEST(ProcessChild, LeadsAProcessGroupOfItsOwnWithoutTerminal) {
 
 TEST(ProcessChild, CannotOpenATerminalAlsoIfTheExecutorHasOne) {
     EXPECT_EQ(statusOfForked([] {
-                  ::signal(SIGHUP, SIG_IGN);  // Giving the terminal back at the end hangs up on this session.
+                  ::signal(SIGHUP, SIG_IGN);  // Giving the terminal back at the end hangs up.
                   const UniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
                   if (::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0 || ::setsid() < 0) return 2;
                   const UniqueFd terminal(::open(::ptsname(master.get()), O_RDWR | O_CLOEXEC));
