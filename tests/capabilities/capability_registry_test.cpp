@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "support/pch.h"
+#include "support/run_on_threads.h"
 
 namespace qm {
 namespace {
@@ -191,28 +192,23 @@ TEST(CapabilityRegistry, ReadersAndWritersOnManyThreadsSeeWholeTablesOnly) {
     std::atomic<bool> torn = false;
     registry.setChangeListener([&] { ++calls; });
     constexpr int kChanges = 50;
-    {
-        std::vector<std::jthread> threads;
-        for (const std::string provider : {"one", "two"}) {
-            threads.emplace_back([&registry, provider] {
-                for (int change = 0; change < kChanges; ++change) {
-                    registry.replaceProvider(provider,
-                                             {named(provider + "1", provider), named(provider + "2", provider)});
-                }
-            });
+    const auto change = [&](const std::string& provider) {
+        for (int number = 0; number < kChanges; ++number) {
+            registry.replaceProvider(provider, {named(provider + "1", provider), named(provider + "2", provider)});
         }
-        for (int reader = 0; reader < 2; ++reader) {
-            threads.emplace_back([&] {
-                while (registry.version() < 2 * kChanges) {
-                    if (registry.snapshot()->size() % 2 != 0) torn = true;
-                }
-            });
+    };
+    const auto watch = [&] {
+        while (registry.version() < std::uint64_t{2} * kChanges) {
+            if (registry.snapshot()->size() % 2 != 0) torn = true;
         }
-    }
+    };
+    const std::vector<std::function<void()>> parts = {[&] { change("one"); }, [&] { change("two"); }, watch, watch};
+
+    test::runOnThreads(parts.size(), [&](std::size_t thread) { parts[thread](); });
 
     EXPECT_FALSE(torn);
     EXPECT_EQ(calls, 2 * kChanges);
-    EXPECT_EQ(registry.version(), 2U * kChanges);
+    EXPECT_EQ(registry.version(), std::uint64_t{2} * kChanges);
     EXPECT_THAT(contents(registry.snapshot()),
                 testing::UnorderedElementsAre("one1@v1", "one2@v1", "two1@v1", "two2@v1"));
 }

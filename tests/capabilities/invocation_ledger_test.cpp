@@ -6,6 +6,7 @@
 
 #include "capabilities/blocked_thread.h"
 #include "support/pch.h"
+#include "support/run_on_threads.h"
 #include "support/wait_until.h"
 #include "util/json.h"
 
@@ -196,14 +197,10 @@ TEST(InvocationLedger, KeysInFlightCountAgainstTheLimitAndPushCompletedOnesOut) 
 TEST(InvocationLedger, OfManyThreadsThatClaimOneKeyOneGetsIt) {
     InvocationLedger ledger;
     std::atomic<int> claimed = 0;
-    {
-        std::vector<std::jthread> threads;
-        for (int thread = 0; thread < 64; ++thread) {
-            threads.emplace_back([&] {
-                if (ledger.claimKey("k", kNow).state == KeyState::New) ++claimed;
-            });
-        }
-    }
+
+    test::runOnThreads(64, [&](std::size_t) {
+        if (ledger.claimKey("k", kNow).state == KeyState::New) ++claimed;
+    });
 
     EXPECT_EQ(claimed, 1);
 }
@@ -381,22 +378,18 @@ TEST(TurnLedger, OfManyThreadsThatClaimOneTurnOneMakesTheCheckpointAndNoneGoesOn
     std::atomic<int> granted = 0;
     std::atomic<bool> made = false;
     std::atomic<bool> early = false;
-    {
-        std::vector<std::jthread> threads;
-        for (int thread = 0; thread < 64; ++thread) {
-            threads.emplace_back([&] {
-                const auto claim = ledger.claimTurn({"run", 1, "ws_a"});
-                if (claim.answer != TurnAnswer::Granted) {
-                    if (!made) early = true;
-                    return;
-                }
-                ++granted;
-                std::this_thread::yield();
-                made = true;
-                ledger.confirmTurn(*claim.checkpoint);
-            });
+
+    test::runOnThreads(64, [&](std::size_t) {
+        const auto claim = ledger.claimTurn({"run", 1, "ws_a"});
+        if (claim.answer != TurnAnswer::Granted) {
+            if (!made) early = true;
+            return;
         }
-    }
+        ++granted;
+        std::this_thread::yield();
+        made = true;
+        ledger.confirmTurn(*claim.checkpoint);
+    });
 
     EXPECT_EQ(granted, 1);
     EXPECT_FALSE(early);

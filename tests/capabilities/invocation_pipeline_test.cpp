@@ -1,12 +1,10 @@
 #include "capabilities/invocation_pipeline.h"
 
 #include <future>
-#include <latch>
 #include <stdexcept>
-#include <thread>
 
 #include "capabilities/pipeline_fixture.h"
-#include "support/wait_until.h"
+#include "support/run_on_threads.h"
 
 namespace qm {
 namespace {
@@ -247,7 +245,7 @@ TEST_F(Idempotency, AnHourAfterItsLastUseTheKeyIsForgotten) {
 
     now_ = kNow + 3'600'000;
     EXPECT_EQ(pipeline_.invoke(keyed("x")).contains("deduplicated"), true);
-    now_ = kNow + 2 * 3'600'000 + 1;
+    now_ = kNow + std::int64_t{2} * 3'600'000 + 1;
     EXPECT_EQ(pipeline_.invoke(keyed("x")).contains("deduplicated"), false);
 }
 
@@ -291,19 +289,11 @@ TEST_F(Idempotency, AnExceptionThatIsNoStandardOneReachesTheCallerAndTheKeyStays
 }
 
 TEST_F(Idempotency, OfSixtyFourThreadsWithOneKeyOneRunsTheHandler) {
-    constexpr int kThreads = 64;
-    std::latch start(kThreads);
+    constexpr std::size_t kThreads = 64;
     define("x", [](const json&) { return json{{"ran", true}}; });
     std::vector<json> results(kThreads);
-    {
-        std::vector<std::jthread> threads;
-        for (auto& result : results) {
-            threads.emplace_back([&] {
-                start.arrive_and_wait();
-                result = pipeline_.invoke(keyed("x"));
-            });
-        }
-    }
+
+    test::runOnThreads(kThreads, [&](std::size_t number) { results[number] = pipeline_.invoke(keyed("x")); });
 
     const json ran = {{"ran", true}};
     const json retried = {{"ran", true}, {"deduplicated", true}};
@@ -311,7 +301,7 @@ TEST_F(Idempotency, OfSixtyFourThreadsWithOneKeyOneRunsTheHandler) {
     EXPECT_EQ(std::count(results.begin(), results.end(), ran), 1);
     EXPECT_EQ(
         std::count(results.begin(), results.end(), retried) + std::count(results.begin(), results.end(), kDuplicate),
-        kThreads - 1);
+        std::ptrdiff_t{kThreads} - 1);
 }
 
 TEST_F(Pipeline, AReplacedDefinitionFinishesTheCallThatIsRunningOnIt) {
@@ -379,27 +369,22 @@ TEST_F(Pipeline, AHandlerMayUseThePipelineAndTheRegistry) {
 
 TEST_F(Pipeline, CallsOnManyThreadsRunWhileTheTableChanges) {
     define("x");
-    constexpr int kThreads = 4;
+    constexpr std::size_t kChanger = 4;
     constexpr int kCalls = 100;
     std::atomic<int> answered = 0;
-    {
-        std::vector<std::jthread> threads;
-        for (int thread = 0; thread < kThreads; ++thread) {
-            threads.emplace_back([&] {
-                for (int number = 0; number < kCalls; ++number) {
-                    if (pipeline_.invoke(call("x")).at("ran") == true) ++answered;
-                }
-            });
-        }
-        threads.emplace_back([&] {
-            for (int change = 0; change < kCalls; ++change) {
-                registry_.replaceProvider("pack", {});
-                disabled_.set("y", change % 2 == 0);
-            }
-        });
-    }
 
-    EXPECT_EQ(answered, kThreads * kCalls);
+    test::runOnThreads(kChanger + 1, [&](std::size_t thread) {
+        for (int number = 0; number < kCalls; ++number) {
+            if (thread == kChanger) {
+                registry_.replaceProvider("pack", {});
+                disabled_.set("y", number % 2 == 0);
+            } else if (pipeline_.invoke(call("x")).at("ran") == true) {
+                ++answered;
+            }
+        }
+    });
+
+    EXPECT_EQ(answered, static_cast<int>(kChanger) * kCalls);
 }
 
 }  // namespace

@@ -2,10 +2,10 @@
 #include <future>
 #include <stdexcept>
 #include <stop_token>
-#include <thread>
 
 #include "capabilities/blocked_thread.h"
 #include "capabilities/pipeline_fixture.h"
+#include "support/run_on_threads.h"
 #include "support/wait_until.h"
 
 namespace qm {
@@ -276,14 +276,10 @@ TEST_F(TurnCheckpoint, OfManyThreadsInOneTurnOneMakesItBeforeAnyHandlerRuns) {
         return json{{"ran", true}};
     });
     std::atomic<int> ran = 0;
-    {
-        std::vector<std::jthread> threads;
-        for (int thread = 0; thread < 16; ++thread) {
-            threads.emplace_back([&] {
-                if (runs(turn(1, "x"))) ++ran;
-            });
-        }
-    }
+
+    test::runOnThreads(16, [&](std::size_t) {
+        if (runs(turn(1, "x"))) ++ran;
+    });
 
     EXPECT_EQ(ran, 16);
     EXPECT_FALSE(early);

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <cmath>
 #include <filesystem>
-#include <thread>
 
 #include "support/pch.h"
+#include "support/run_on_threads.h"
 #include "support/temporary_directory.h"
 #include "util/json.h"
 
@@ -208,16 +208,12 @@ TEST(MetricsCollector, RequestsFromManyThreadsCompareEachSampleWithTheOneBefore)
             return CpuSample{.totalTicks = 2 * ticks, .idleTicks = ticks};
         });
     std::atomic<int> halves = 0;
-    {
-        std::vector<std::jthread> threads;
-        for (int thread = 0; thread < 8; ++thread) {
-            threads.emplace_back([&] {
-                for (int request = 0; request < 10; ++request) {
-                    if (collector.collect({}).at("cpu").at("systemLoadPct") == 50.0) ++halves;
-                }
-            });
+
+    test::runOnThreads(8, [&](std::size_t) {
+        for (int request = 0; request < 10; ++request) {
+            if (collector.collect({}).at("cpu").at("systemLoadPct") == 50.0) ++halves;
         }
-    }
+    });
 
     EXPECT_EQ(halves, 79);
 }
