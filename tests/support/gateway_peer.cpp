@@ -208,6 +208,7 @@ private:
     HandshakeAnswer answer_;
     std::size_t number_ = 0;
     bool closeFrameCame_ = false;
+    bool dropped_ = false;
     std::deque<Write> writes_;
 };
 

@@ -43,7 +43,7 @@ struct ScriptedHttpServerOptions {
 /// 404. Runs on a thread of its own; every method may be called from any other thread.
 class ScriptedHttpServer {
 public:
-    explicit ScriptedHttpServer(ScriptedHttpServerOptions options = {});
+    explicit ScriptedHttpServer(const ScriptedHttpServerOptions& options = {});
     ~ScriptedHttpServer();
     ScriptedHttpServer(const ScriptedHttpServer&) = delete;
     ScriptedHttpServer& operator=(const ScriptedHttpServer&) = delete;
