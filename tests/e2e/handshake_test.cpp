@@ -129,6 +129,48 @@ TEST(TlsHandshake, AGatewayOfATrustedAuthorityIsServedUnderEitherScheme) {
     }
 }
 
+TEST(TlsSession, CarriesMessagesOf16MiBBothWaysWhileOthersAreUnderWay) {
+    const TestAuthority authority;
+    GatewayPeer gateway(tlsOptions(authority.issue({"localhost"})));
+    const ExecutorHome home;
+    auto setup = home.against(gateway);
+    setup.environment["SSL_CERT_FILE"] = authority.certificateFile().string();
+    ExecutorProcess executor(setup);
+    gateway.waitForRegister();
+    const std::string id(std::size_t{16} << 20, 'i');
+
+    gateway.send({{"type", "resolutionToolExecute"}, {"requestId", id}});
+    for (int i = 0; i < 20; ++i) {
+        gateway.send({{"type", "execute"}, {"requestId", "small"}, {"capabilityId", "device_time"}});
+    }
+
+    const auto limit = std::chrono::seconds(60);
+    EXPECT_EQ(gateway.waitForType("resolutionToolResult", limit).message.at("requestId"), id);
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_TRUE(gateway.waitForType("executeResult", limit).message.at("result").contains("utcTime"));
+    }
+    EXPECT_EQ(gateway.sessionCount(), 1U);
+}
+
+TEST(TlsSession, ABrokenOneIsNoSignalAndIsTakenUpAgain) {
+    const TestAuthority authority;
+    GatewayPeer gateway(tlsOptions(authority.issue({"localhost"})));
+    const ExecutorHome home;
+    auto setup = home.against(gateway);
+    setup.environment["SSL_CERT_FILE"] = authority.certificateFile().string();
+    ExecutorProcess executor(setup);
+    gateway.waitForRegister();
+
+    // A reply to the broken connection would raise SIGPIPE in a careless program.
+    gateway.send({{"type", "metricsRequest"}});
+    gateway.drop();
+    gateway.waitForRegister();
+
+    EXPECT_EQ(gateway.sessionCount(), 2U);
+    EXPECT_TRUE(gateway.execute("device_time").contains("utcTime"));
+    expectOrderlyStop(executor);
+}
+
 TEST(TlsHandshake, ACertificateForAnotherHostIsRefused) {
     const TestAuthority authority;
     GatewayPeer gateway(tlsOptions(authority.issue({"other.example"})));

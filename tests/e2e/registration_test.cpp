@@ -190,5 +190,18 @@ TEST(Log, EveryLineHasItsTimeAndLevel) {
     EXPECT_EQ(executor.errorOutput(), "");
 }
 
+TEST(Log, ADataDirectoryThatCantBeWrittenToIsSaidAndTheSessionComesUp) {
+    const ExecutorHome home;
+    writeFile(home.home() / "file", "");
+    GatewayPeer gateway;
+    const auto dataDirectory = (home.home() / "file" / "data").string();
+
+    ExecutorProcess executor(home.against(gateway, {"--data-dir", dataDirectory}));
+
+    EXPECT_FALSE(gateway.waitForRegister().at("agentId").get<std::string>().empty());
+    EXPECT_THAT(executor.output(), testing::ContainsRegex("WARN  [^\n]*" + dataDirectory));
+    expectOrderlyStop(executor);
+}
+
 }  // namespace
 }  // namespace qm::test
