@@ -12,7 +12,8 @@ class ExecutorCore;
 ///
 /// Both signals are blocked in every thread but one of this class's own, whose only work is to be interrupted. The
 /// handler runs there, so it may print, lock and close sockets like any other code: it can't meet a lock that its own
-/// thread holds. One object at a time.
+/// thread holds. (ThreadSanitizer can't know that, hence report_signal_unsafe=0 in its test preset.) One object at a
+/// time.
 class SignalThread {
 public:
     /// Blocks both signals in the calling thread, and so in all threads that it starts later. One that comes now stays
