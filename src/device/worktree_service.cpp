@@ -95,11 +95,20 @@ WorktreeService::CreateResult WorktreeService::create(const std::string& sourceW
     return {true, std::move(record), {}};
 }
 
+/// Git reads a repository's list of trees whenever it adds or removes a tree or a branch, and fails over an entry that
+/// another process has only half written, so these calls are made one at a time. They are the short ones.
+ProcessResult WorktreeService::changeRepository(const std::filesystem::path& source,
+                                                const std::vector<std::string>& arguments,
+                                                std::int32_t timeoutMs) const {
+    const std::lock_guard lock(repositoryMutex_);
+    return git_.run(source, arguments, timeoutMs);
+}
+
 /// Puts the tree on disk. Empty on success, otherwise the error's text. The tree is made empty and filled apart, so
 /// that the long step has a time limit of its own.
 std::string WorktreeService::fillTree(const std::filesystem::path& source, const WorktreeRecord& record) const {
-    const auto added =
-        git_.run(source, {"worktree", "add", "--no-checkout", "-b", record.branch, record.path}, timeouts_.addMs);
+    const auto added = changeRepository(source, {"worktree", "add", "--no-checkout", "-b", record.branch, record.path},
+                                        timeouts_.addMs);
     if (!WorktreeGit::succeeded(added)) return WorktreeGit::failureText("创建工作树失败", added);
     const auto filled = git_.run(record.path, {"checkout"}, timeouts_.checkoutMs);
     if (!WorktreeGit::succeeded(filled)) return WorktreeGit::failureText("填充工作树失败", filled);
@@ -125,10 +134,10 @@ std::string WorktreeService::registerTree(WorktreeRecord& record, const Workspac
 }
 
 void WorktreeService::cleanUp(const std::filesystem::path& source, const WorktreeRecord& record) const {
-    const auto removed = git_.run(source, {"worktree", "remove", "--force", record.path}, timeouts_.cleanUpMs);
+    const auto removed = changeRepository(source, {"worktree", "remove", "--force", record.path}, timeouts_.cleanUpMs);
     // An attempt that was cut short may have left a directory that git doesn't take for a tree.
     if (!WorktreeGit::succeeded(removed)) removeDirectory(record);
-    git_.run(source, {"branch", "-D", record.branch}, timeouts_.deleteBranchMs);
+    changeRepository(source, {"branch", "-D", record.branch}, timeouts_.deleteBranchMs);
 }
 
 WorktreeService::RemoveResult WorktreeService::remove(const std::string& id, bool force) {
@@ -140,10 +149,10 @@ WorktreeService::RemoveResult WorktreeService::remove(const std::string& id, boo
         return notRemoved(true, "工作树内还有未提交的改动；确认要丢弃请用 force=true");
     }
     const bool removedByGit =
-        source && WorktreeGit::succeeded(
-                      git_.run(source->hostPath, {"worktree", "remove", "--force", record->path}, timeouts_.removeMs));
+        source && WorktreeGit::succeeded(changeRepository(
+                      source->hostPath, {"worktree", "remove", "--force", record->path}, timeouts_.removeMs));
     if (!removedByGit) removeDirectory(*record);
-    if (source) git_.run(source->hostPath, {"branch", "-D", record->branch}, timeouts_.deleteBranchMs);
+    if (source) changeRepository(source->hostPath, {"branch", "-D", record->branch}, timeouts_.deleteBranchMs);
     forgetWorkspace(record->workspaceId);
 
     const std::lock_guard lock(mutex_);

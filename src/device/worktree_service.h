@@ -31,8 +31,8 @@ struct WorktreeTimeouts {
 /// Derives isolated git worktrees from workspaces, each on a branch of its own and registered as a workspace, so that
 /// parallel work doesn't collide. Trees have leases; those that ran out are reclaimed at the next start.
 ///
-/// The table of trees is kept in `<data directory>/worktrees.json`. Any thread may call anything; calls of git run with
-/// no lock held and may run side by side.
+/// The table of trees is kept in `<data directory>/worktrees.json`. Any thread may call anything. What takes git long,
+/// the filling of a tree and the search for changes in one, runs side by side.
 class WorktreeService {
 public:
     static constexpr std::size_t kMaxTrees = 8;
@@ -72,6 +72,8 @@ public:
     void prune(std::int64_t nowMs);
 
 private:
+    ProcessResult changeRepository(const std::filesystem::path& source, const std::vector<std::string>& arguments,
+                                   std::int32_t timeoutMs) const;
     std::string fillTree(const std::filesystem::path& source, const WorktreeRecord& record) const;
     std::string registerTree(WorktreeRecord& record, const Workspace& source) const;
     void cleanUp(const std::filesystem::path& source, const WorktreeRecord& record) const;
@@ -86,7 +88,8 @@ private:
     const WorktreeTimeouts timeouts_;
     const ClockMs clock_;
     const WorktreeGit git_;
-    mutable std::mutex mutex_;  ///< Guards the table and its file.
+    mutable std::mutex repositoryMutex_;  ///< Held by whoever has git change a repository's trees or branches.
+    mutable std::mutex mutex_;            ///< Guards the table and its file; never held while git runs.
     std::vector<WorktreeRecord> trees_;
 };
 

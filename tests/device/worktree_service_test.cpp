@@ -115,7 +115,14 @@ TEST_F(Worktrees, EightTreesMayExistAndTheNinthIsRefusedUntilOneIsReturned) {
     std::vector<std::jthread> creators;
     std::atomic<int> created = 0;
     for (int count = 0; count < 8; ++count) {
-        creators.emplace_back([&] { created += service_.create(source_, "", 0).ok ? 1 : 0; });
+        creators.emplace_back([&] {
+            const auto result = service_.create(source_, "", 0);
+            if (result.ok) {
+                ++created;
+            } else {
+                ADD_FAILURE() << result.error;
+            }
+        });
     }
     creators.clear();
     EXPECT_EQ(created, 8);
