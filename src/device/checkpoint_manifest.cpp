@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "device/checkpoint_file_io.h"
 #include "util/json.h"
@@ -30,28 +31,133 @@ bool isInnerPath(std::string_view path) {
     }
 }
 
-CheckpointFile parseFile(const json& entry) {
-    CheckpointFile file;
-    file.path = stringMember(entry, "path");
-    file.sizeBytes = static_cast<std::uint64_t>(std::max<std::int64_t>(integerMember(entry, "sizeBytes", 0), 0));
-    file.sha256 = stringMember(entry, "sha256");
-    file.captured = boolMember(entry, "captured", false);
-    return file;
-}
+/// Takes a manifest from the parser's events, without the detour of a document: a list of thousands of files is read
+/// each time that a workspace is compared with it.
+class ManifestReader : public json::json_sax_t {
+public:
+    /// Nothing unless the events were those of a manifest.
+    std::optional<CheckpointManifest> take() {
+        if (!hasFiles_ || hasBadFile_) return std::nullopt;
+        return std::move(manifest_);
+    }
+
+    bool null() override { return other(); }
+    bool number_float(double /*value*/, const std::string& /*text*/) override { return other(); }
+    bool binary(json::binary_t& /*value*/) override { return other(); }
+
+    bool boolean(bool value) override {
+        if (isOfFile()) {
+            if (key_ == "captured") manifest_.files.back().captured = value;
+        } else if (isOfManifest()) {
+            if (key_ == "complete") manifest_.complete = value;
+            if (key_ == "clipped") manifest_.clipped = value;
+        }
+        return other();
+    }
+
+    bool number_integer(std::int64_t value) override {
+        if (isOfFile()) {
+            if (key_ == "sizeBytes")
+                manifest_.files.back().sizeBytes = static_cast<std::uint64_t>(std::max<std::int64_t>(value, 0));
+        } else if (isOfManifest()) {
+            if (key_ == "createdAtMs") manifest_.createdAtMs = value;
+            if (key_ == "createdAtNs") manifest_.createdAtNs = value;
+        }
+        return other();
+    }
+
+    bool number_unsigned(std::uint64_t value) override {
+        return value > std::uint64_t{std::numeric_limits<std::int64_t>::max()}
+                   ? other()
+                   : number_integer(static_cast<std::int64_t>(value));
+    }
+
+    bool string(std::string& value) override {
+        if (isOfFile()) {
+            if (key_ == "path") manifest_.files.back().path = std::move(value);
+            if (key_ == "sha256") manifest_.files.back().sha256 = std::move(value);
+        } else if (isOfManifest()) {
+            takeText(std::move(value));
+        }
+        return other();
+    }
+
+    bool start_object(std::size_t /*size*/) override {
+        if (depth_ == 0) isObject_ = true;
+        if (inFiles_ && depth_ == kFilesDepth) manifest_.files.emplace_back();
+        ++depth_;
+        return true;
+    }
+
+    bool key(std::string& name) override {
+        if (isOfFile() || isOfManifest()) key_ = std::move(name);
+        return true;
+    }
+
+    bool end_object() override {
+        --depth_;
+        if (inFiles_ && depth_ == kFilesDepth && !isInnerPath(manifest_.files.back().path)) hasBadFile_ = true;
+        return true;
+    }
+
+    bool start_array(std::size_t /*size*/) override {
+        other();
+        if (isOfManifest() && key_ == "files") inFiles_ = hasFiles_ = true;
+        ++depth_;
+        return true;
+    }
+
+    bool end_array() override {
+        --depth_;
+        if (depth_ == kManifestDepth) inFiles_ = false;
+        return true;
+    }
+
+    bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
+                     const json::exception& /*cause*/) override {
+        return false;
+    }
+
+private:
+    // Open objects and lists around a value of the manifest itself, around an element of `files`, and in such an
+    // element.
+    static constexpr int kManifestDepth = 1;
+    static constexpr int kFilesDepth = 2;
+    static constexpr int kFileDepth = 3;
+
+    bool isOfManifest() const { return isObject_ && depth_ == kManifestDepth; }
+    bool isOfFile() const { return inFiles_ && depth_ == kFileDepth; }
+
+    void takeText(std::string value) {
+        if (key_ == "id") manifest_.id = std::move(value);
+        if (key_ == "workspaceId") manifest_.workspaceId = std::move(value);
+        if (key_ == "label") manifest_.label = std::move(value);
+        if (key_ == "gitHead") manifest_.gitHead = std::move(value);
+    }
+
+    /// Ends every event of a value that is no object: among the files there may be none.
+    bool other() {
+        if (inFiles_ && depth_ == kFilesDepth) hasBadFile_ = true;
+        return true;
+    }
+
+    CheckpointManifest manifest_;
+    std::string key_;  ///< Of the value that comes next, where it matters.
+    int depth_ = 0;
+    bool isObject_ = false;
+    bool inFiles_ = false;
+    bool hasFiles_ = false;
+    bool hasBadFile_ = false;
+};
 
 std::optional<CheckpointSummary> summaryOf(std::string_view text) {
-    const json manifest = json::parse(text, nullptr, false);
-    const json* files = findMember(manifest, "files");
-    if (files == nullptr || !files->is_array()) return std::nullopt;
-    CheckpointSummary summary;
-    summary.workspaceId = stringMember(manifest, "workspaceId");
-    summary.sortKey = integerMember(manifest, "createdAtNs", 0);
-    if (summary.sortKey <= 0) {
-        constexpr std::int64_t kNsPerMs = 1'000'000;
-        constexpr std::int64_t kMaxMs = std::numeric_limits<std::int64_t>::max() / kNsPerMs;
-        summary.sortKey = std::clamp(integerMember(manifest, "createdAtMs", 0), -kMaxMs, kMaxMs) * kNsPerMs;
-    }
-    return summary;
+    auto manifest = parseManifest(text);
+    if (!manifest) return std::nullopt;
+    constexpr std::int64_t kNsPerMs = 1'000'000;
+    constexpr std::int64_t kMaxMs = std::numeric_limits<std::int64_t>::max() / kNsPerMs;
+    const std::int64_t fromMs = std::clamp(manifest->createdAtMs, -kMaxMs, kMaxMs) * kNsPerMs;
+    return CheckpointSummary{std::move(manifest->workspaceId),
+                             manifest->createdAtNs > 0 ? manifest->createdAtNs : fromMs};
 }
 
 /// A manifest of `size` bytes without what its list of files holds; nothing if the ends of the list aren't found.
@@ -86,24 +192,8 @@ std::string manifestText(const CheckpointManifest& manifest) {
 }
 
 std::optional<CheckpointManifest> parseManifest(std::string_view text) {
-    const json object = json::parse(text, nullptr, false);
-    const json* files = findMember(object, "files");
-    if (files == nullptr || !files->is_array()) return std::nullopt;
-    CheckpointManifest manifest;
-    manifest.id = stringMember(object, "id");
-    manifest.workspaceId = stringMember(object, "workspaceId");
-    manifest.label = stringMember(object, "label");
-    manifest.createdAtMs = integerMember(object, "createdAtMs", 0);
-    manifest.createdAtNs = integerMember(object, "createdAtNs", 0);
-    manifest.complete = boolMember(object, "complete", false);
-    manifest.clipped = boolMember(object, "clipped", false);
-    manifest.gitHead = stringMember(object, "gitHead");
-    manifest.files.reserve(files->size());
-    for (const json& entry : *files) {
-        manifest.files.push_back(parseFile(entry));
-        if (!isInnerPath(manifest.files.back().path)) return std::nullopt;
-    }
-    return manifest;
+    ManifestReader reader;
+    return json::sax_parse(text, &reader) ? reader.take() : std::nullopt;
 }
 
 std::optional<CheckpointSummary> readManifestSummary(int fd) {
