@@ -76,7 +76,8 @@ BioMethod makeTransportMethod() {
 }
 
 BIO* newTransport(TlsTransport* transport) {
-    static const BioMethod method = makeTransportMethod();
+    // Never destroyed, see sharedTlsContext().
+    static const BioMethod& method = *new BioMethod(makeTransportMethod());
     BIO* bio = method ? BIO_new(method.get()) : nullptr;
     if (bio == nullptr) return nullptr;
     BIO_set_data(bio, transport);
@@ -121,7 +122,8 @@ TlsContext makeTlsContext(const TlsLibrary& library, std::string* error) {
 
 TlsContext sharedTlsContext(std::string* error) {
     static std::mutex mutex;
-    static TlsContext context;
+    // Never destroyed: the library takes itself down at the end of the process, before it would be this one's turn.
+    static TlsContext& context = *new TlsContext;
     const std::lock_guard lock(mutex);
     if (!context) context = makeTlsContext(TlsLibrary::system(), error);
     return context;
