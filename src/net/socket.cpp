@@ -8,7 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
+#include <cstdint>
 #include <system_error>
 #include <utility>
 
