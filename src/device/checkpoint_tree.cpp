@@ -17,11 +17,13 @@ namespace {
 
 constexpr std::string_view kRepositoryDirectory = ".git";
 
-/// Failures that concern one directory only: it may not be read, vanished, became something else, or lies too deep.
+/// Failures that concern one directory only: it may not be read, vanished, became something else, was moved out of the
+/// workspace while it was being opened, or lies too deep.
 bool isSkippable(const std::error_code& error) {
     constexpr std::array kErrors{
         std::errc::permission_denied, std::errc::operation_not_permitted,       std::errc::no_such_file_or_directory,
-        std::errc::not_a_directory,   std::errc::too_many_symbolic_link_levels, std::errc::filename_too_long};
+        std::errc::not_a_directory,   std::errc::too_many_symbolic_link_levels, std::errc::cross_device_link,
+        std::errc::filename_too_long};
     return std::any_of(kErrors.begin(), kErrors.end(), [&error](std::errc known) { return error == known; });
 }
 

@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,6 +30,13 @@ protected:
         git({"add", "."});
         git({"commit", "-q", "-m", "first"});
         source_ = open(repository_);
+    }
+
+    ~WorktreeTest() override {
+        std::filesystem::current_path(currentPath_);
+        clearenv();
+        for (const auto& [name, value] : environment_)
+            setenv(name.c_str(), value.c_str(), 1);
     }
 
     std::string open(const std::filesystem::path& directory,
@@ -81,6 +90,18 @@ protected:
         setenv("PATH", ((directory_ / "bin").string() + ":" + getenv("PATH")).c_str(), 1);
     }
 
+    static std::map<std::string, std::string> currentEnvironment() {
+        std::map<std::string, std::string> variables;
+        for (char** entry = environ; *entry != nullptr; ++entry) {
+            const std::string text = *entry;
+            variables[text.substr(0, text.find('='))] = text.substr(text.find('=') + 1);
+        }
+        return variables;
+    }
+
+    // Put back at the end.
+    const std::map<std::string, std::string> environment_ = currentEnvironment();
+    const std::filesystem::path currentPath_ = std::filesystem::current_path();
     TemporaryDirectory directory_;
     std::filesystem::path repository_ = directory_ / "repository";
     std::filesystem::path dataDir_ = directory_ / "data";
