@@ -40,9 +40,9 @@ std::vector<std::string> programCandidates(const std::string& program, const Pro
     const std::string path = searchPath(env);
     for (std::size_t begin = 0; begin <= path.size();) {
         const std::size_t end = std::min(path.find(':', begin), path.size());
-        // An empty element is the current directory.
-        const std::string directory = path.substr(begin, end - begin);
-        candidates.push_back(directory.empty() ? program : directory + "/" + program);
+        std::string& file = candidates.emplace_back(path, begin, end - begin);
+        if (!file.empty()) file += '/';  // An empty element is the current directory.
+        file += program;
         begin = end + 1;
     }
     return candidates;
@@ -80,7 +80,10 @@ ProcessImage::ProcessImage(std::vector<std::string> args, const Environment& env
 
     if (!env) return;
     for (const auto& [name, value] : *env) {
-        if (isVariableName(name)) environmentText_.push_back(name + "=" + value);
+        if (!isVariableName(name)) continue;
+        std::string& text = environmentText_.emplace_back(name);
+        text += '=';
+        text += value;
     }
     environment_.emplace();
     for (std::string& text : environmentText_)

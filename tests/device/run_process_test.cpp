@@ -198,7 +198,7 @@ TEST(RunProcess, TheGreatestTimeLimitDoesNotWrap) {
 
 TEST(RunProcess, WhatWasWrittenBeforeTheTimeLimitIsKept) {
     ProcessOptions options = shell("echo early; sleep 100");
-    options.timeoutMs = 500;
+    options.timeoutMs = 3000;
 
     const ProcessResult result = runProcess(options);
 
@@ -218,7 +218,7 @@ TEST(RunProcess, ABackgroundJobIsKilledAtTheTimeLimitAndTheShellsOwnStatusStays)
     const TemporaryDirectory directory;
     ProcessOptions options = shell("sh -c 'echo $$ > pid; exec sleep 100' & exit 0");
     options.cwd = directory.path();
-    options.timeoutMs = 1500;
+    options.timeoutMs = 4000;
 
     const ProcessResult result = runProcess(options);
 
@@ -249,7 +249,7 @@ TEST(RunProcess, ADescendantThatLeftTheGroupDoesNotDelayTheEndOfATimeout) {
     const TemporaryDirectory directory;
     ProcessOptions options = shell(escape("pid", "sleep 100") + "echo kept; exit 5");
     options.cwd = directory.path();
-    options.timeoutMs = 1500;
+    options.timeoutMs = 4000;
     const EscapedProcess cleanUp(directory / "pid");
 
     const ProcessResult result = runProcess(options);
@@ -264,7 +264,7 @@ TEST(RunProcess, ADescendantThatGoesOnWritingForEverDoesNotDelayTheEndOfATimeout
     const TemporaryDirectory directory;
     ProcessOptions options = shell(escape("pid", "yes") + "exit 0");
     options.cwd = directory.path();
-    options.timeoutMs = 1500;
+    options.timeoutMs = 4000;
     const EscapedProcess cleanUp(directory / "pid");
 
     const ProcessResult result = runProcess(options);
