@@ -15,17 +15,7 @@ const Words kPlainFacts{"wake_scheduled",  "assistant_message", "model_started",
                         "model_completed", "model_failed",      "tool_proposed", "tool_started",
                         "tool_progress",   "tool_completed",    "tool_failed"};
 
-std::string textOf(const json& object, const char* key) {
-    return object.contains(key) && object[key].is_string() ? object[key].get<std::string>() : "";
-}
-
-bool isTrue(const json& object, const char* key) {
-    return object.contains(key) && object[key] == true;
-}
-
-std::int64_t numberOf(const json& object, const char* key, std::int64_t fallback = 0) {
-    return object.contains(key) && object[key].is_number_integer() ? object[key].get<std::int64_t>() : fallback;
-}
+const Words kTaskFacts{"task_queued", "task_started", "task_cancellation_requested", "task_completed"};
 
 bool blank(const std::string& text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); });
@@ -106,84 +96,6 @@ void SessionModel::enter(const std::string& state, const std::string& reason) {
     emit("run_state_changed", {{"from", state_}, {"to", state}, {"reason", reason}});
 }
 
-void SessionModel::apply(const json& event) {
-    const std::string type = event["type"];
-    const json& payload = event["payload"];
-    const Input input{event["eventId"], event["sequence"], textOf(payload, "content"), textOf(payload, "mode")};
-    const auto task = tasks_.find(textOf(payload, "taskId"));
-    if (type == "run_started") {
-        objective_ = payload["objective"];
-        question_ = approval_ = "";
-        cancelled_ = false;
-        join_ = nullptr;
-        tasks_.clear();
-        queue_.clear();
-        interjections_.clear();
-    } else if (type == "turn_started") {
-        question_ = approval_ = "";
-    } else if (type == "user_input_accepted") {
-        if (isTrue(payload, "fromQueue")) queue_.pop_front();
-        if (isTrue(payload, "fromInterjection")) interjections_.pop_front();
-        if (isTrue(payload, "fromWaitingTasks")) join_ = nullptr;
-        question_ = "";
-    } else if (type == "user_input_queued") {
-        queue_.push_back(input);
-    } else if (type == "user_interjection_buffered") {
-        interjections_.push_back(input);
-    } else if (type == "cancellation_requested") {
-        cancelled_ = cancelled_ || !isTrue(payload, "alreadyTerminal");
-    } else if (type == "user_input_requested") {
-        question_ = payload["requestId"];
-    } else if (type == "approval_requested") {
-        approval_ = payload["approvalId"];
-    } else if (type == "approval_resolved") {
-        approval_ = "";
-    } else if (type == "wake_fired") {
-        join_ = nullptr;
-    } else if (type == "task_queued") {
-        json record{{"taskId", payload["taskId"]},
-                    {"parentTaskId", payload["parentTaskId"]},
-                    {"objective", payload["task"]},
-                    {"origin", textOf(payload, "origin")},
-                    {"access", payload.value("access", "none")},
-                    {"state", "QUEUED"},
-                    {"depth", payload["depth"]},
-                    {"maxRounds", numberOf(payload, "maxRounds")},
-                    {"rounds", 0},
-                    {"timeoutMs", numberOf(payload, "timeoutMs")},
-                    {"createdAtMs", numberOf(payload, "createdAtMs", nowMs)},
-                    {"cancellationRequested", false}};
-        if (!textOf(payload, "workspace").empty()) record["workspace"] = payload["workspace"];
-        tasks_[payload["taskId"]] = record;
-    } else if (type == "task_started") {
-        task->second["state"] = "RUNNING";
-        task->second["startedAtMs"] = numberOf(payload, "startedAtMs", nowMs);
-    } else if (type == "task_cancellation_requested") {
-        task->second["cancellationRequested"] = true;
-    } else if (type == "task_waiting") {
-        join_ = {{"joinId", payload["joinId"]},
-                 {"callId", payload["callId"]},
-                 {"policy", payload.value("policy", "all")},
-                 {"taskIds", payload["taskIds"]},
-                 {"minSucceeded", numberOf(payload, "minSucceeded")},
-                 {"timeoutMs", numberOf(payload, "timeoutMs")}};
-    } else if (type == "task_completed") {
-        task->second["state"] = payload["state"];
-        task->second["rounds"] = numberOf(payload, "rounds");
-        task->second["finishedAtMs"] = numberOf(payload, "finishedAtMs", nowMs);
-        task->second["completionSequence"] = event["sequence"];
-        for (const char* const key : {"result", "error"}) {
-            if (!textOf(payload, key).empty()) task->second[key] = payload[key];
-        }
-    } else if (type == "run_state_changed") {
-        state_ = payload["to"];
-        if (isOver()) {
-            question_ = approval_ = "";
-            join_ = nullptr;
-        }
-    }
-}
-
 bool SessionModel::hasLivingTask() const {
     return std::any_of(tasks_.begin(), tasks_.end(),
                        [](const auto& task) { return !kDeadTasks.contains(task.second["state"]); });
@@ -202,73 +114,80 @@ json SessionModel::command(const json& command) {
 
 std::string SessionModel::commandWords(const json& command) {
     const std::string type = command["type"];
-    const std::string run = textOf(command, "runId");
+    const std::string run = stringMember(command, "runId");
     const json& payload = command["payload"];
     if (type == "start_run") {
         if (!run.empty() && run != run_) return "command targets a stale or unknown run";
-        if (state_ != "IDLE" && !isOver()) return "session already has an active run";
-        if (blank(textOf(payload, "objective"))) return "objective must not be blank";
-        run_ = makeId("run");
-        turn_ = makeId("turn");
-        emit("run_started", payload);
-        emit("user_input_accepted", {{"content", payload["objective"]}, {"initial", true}});
-        enter("RUNNING", "user_start");
-        return "";
+        return startWords(payload);
     }
     if (blank(run)) return "runId is required for an active-run command";
     if (run != run_) return "command targets a stale or unknown run";
-    if (type == "append_user_input") {
-        if (isOver()) return "active run is already terminal";
-        if (blank(textOf(payload, "content"))) return "content must not be blank";
-        const std::string mode = payload.value("mode", "queue");
-        if (mode != "queue" && mode != "interject") return "input mode must be queue or interject in protocol v1";
-        if (state_ == "WAITING_APPROVAL") return "approval must be answered with resolve_approval";
-        if (state_ == "WAITING_USER" && (question_.empty() || textOf(payload, "requestId") != question_)) {
-            return "requestId is required and must match the pending question";
-        }
-        if (kWaits.contains(state_)) {
-            const bool answers = state_ == "WAITING_USER";
-            emit("user_input_accepted", {{"content", payload["content"]},
-                                         {"mode", mode},
-                                         {"requestId", textOf(payload, "requestId")},
-                                         {"answersRequest", answers},
-                                         {"fromWaitingTasks", !answers}});
-            enter("RUNNING", answers ? "user_answered" : "user_interrupted_wait");
-            return "";
-        }
-        emit(state_ == "RUNNING" && mode == "interject" ? "user_interjection_buffered" : "user_input_queued",
-             {{"content", payload["content"]}, {"mode", mode}});
+    if (type == "append_user_input") return inputWords(payload);
+    return type == "cancel_run" ? cancelWords(payload) : approvalWords(payload);
+}
+
+std::string SessionModel::startWords(const json& payload) {
+    if (state_ != "IDLE" && !isOver()) return "session already has an active run";
+    if (blank(stringMember(payload, "objective"))) return "objective must not be blank";
+    run_ = makeId("run");
+    turn_ = makeId("turn");
+    emit("run_started", payload);
+    emit("user_input_accepted", {{"content", payload["objective"]}, {"initial", true}});
+    enter("RUNNING", "user_start");
+    return "";
+}
+
+std::string SessionModel::inputWords(const json& payload) {
+    if (isOver()) return "active run is already terminal";
+    if (blank(stringMember(payload, "content"))) return "content must not be blank";
+    const std::string mode = payload.value("mode", "queue");
+    if (mode != "queue" && mode != "interject") return "input mode must be queue or interject in protocol v1";
+    if (state_ == "WAITING_APPROVAL") return "approval must be answered with resolve_approval";
+    const bool answers = state_ == "WAITING_USER";
+    if (answers && (question_.empty() || stringMember(payload, "requestId") != question_)) {
+        return "requestId is required and must match the pending question";
+    }
+    json input{{"content", payload["content"]}, {"mode", mode}};
+    if (!kWaits.contains(state_)) {
+        emit(state_ == "RUNNING" && mode == "interject" ? "user_interjection_buffered" : "user_input_queued", input);
         return "";
     }
-    if (type == "cancel_run") {
-        const std::string scope = payload.value("scope", "turn");
-        if (!Words{"turn", "foreground_tools", "child_tasks", "all"}.contains(scope)) {
-            return "unknown cancellation scope";
+    input.update({{"requestId", stringMember(payload, "requestId")},
+                  {"answersRequest", answers},
+                  {"fromWaitingTasks", !answers}});
+    emit("user_input_accepted", input);
+    enter("RUNNING", answers ? "user_answered" : "user_interrupted_wait");
+    return "";
+}
+
+std::string SessionModel::cancelWords(const json& payload) {
+    const std::string scope = payload.value("scope", "turn");
+    if (!Words{"turn", "foreground_tools", "child_tasks", "all"}.contains(scope)) return "unknown cancellation scope";
+    const std::string before = state_;
+    emit("cancellation_requested", {{"scope", scope}, {"alreadyRequested", cancelled_}, {"alreadyTerminal", isOver()}});
+    if (scope == "child_tasks" || scope == "all") {
+        for (const auto& [id, task] : tasks_) {
+            if (kDeadTasks.contains(task["state"]) || boolMember(task, "cancellationRequested", false)) continue;
+            emit("task_cancellation_requested", {{"taskId", id}, {"reason", "run_cancelled"}});
         }
-        const std::string before = state_;
-        emit("cancellation_requested",
-             {{"scope", scope}, {"alreadyRequested", cancelled_}, {"alreadyTerminal", isOver()}});
-        if (scope == "child_tasks" || scope == "all") {
-            for (const auto& [id, task] : tasks_) {
-                if (kDeadTasks.contains(task["state"]) || isTrue(task, "cancellationRequested")) continue;
-                emit("task_cancellation_requested", {{"taskId", id}, {"reason", "run_cancelled"}});
-            }
-        }
-        if (before == "RUNNING") enter("CANCELLING", "user_cancelled");
-        if (!kWaits.contains(before)) return "";
-        enter("CANCELLING", "checkpoint_cancelled");
-        emit("run_cancelled", {{"reason", "checkpoint_cancelled"}});
-        enter("CANCELLED", "checkpoint_cancelled");
-        return "";
     }
-    if (state_ != "WAITING_APPROVAL") return "run is not waiting for approval";
-    const std::string decision = textOf(payload, "decision");
-    if (blank(decision)) return "decision must not be blank";
-    const std::string approval = textOf(payload, "approvalId");
-    if (!approval.empty() && approval != approval_) return "approvalId is stale";
-    const std::map<std::string, std::string> reasons{
+    if (before == "RUNNING") enter("CANCELLING", "user_cancelled");
+    if (!kWaits.contains(before)) return "";
+    enter("CANCELLING", "checkpoint_cancelled");
+    emit("run_cancelled", {{"reason", "checkpoint_cancelled"}});
+    enter("CANCELLED", "checkpoint_cancelled");
+    return "";
+}
+
+std::string SessionModel::approvalWords(const json& payload) {
+    static const std::map<std::string, std::string> kReasons{
         {"approve", "approval_granted"}, {"revise", "plan_revision_requested"}, {"cancel", "approval_cancelled"}};
-    if (!reasons.contains(decision)) return "approval decision must be approve, revise, or cancel";
+    if (state_ != "WAITING_APPROVAL") return "run is not waiting for approval";
+    const std::string decision = stringMember(payload, "decision");
+    if (blank(decision)) return "decision must not be blank";
+    const std::string approval = stringMember(payload, "approvalId");
+    if (!approval.empty() && approval != approval_) return "approvalId is stale";
+    if (!kReasons.contains(decision)) return "approval decision must be approve, revise, or cancel";
     json resolved{{"approvalId", approval_}, {"decision", decision}};
     if (payload.contains("comment")) resolved["comment"] = payload["comment"];
     emit("approval_resolved", resolved);
@@ -277,7 +196,7 @@ std::string SessionModel::commandWords(const json& command) {
              {{"reason", "approval_cancelled"},
               {"content", payload.value("comment", "Execution was cancelled at the plan checkpoint.")}});
     }
-    enter(decision == "cancel" ? "CANCELLED" : "RUNNING", reasons.at(decision));
+    enter(decision == "cancel" ? "CANCELLED" : "RUNNING", kReasons.at(decision));
     return "";
 }
 
@@ -298,80 +217,24 @@ json SessionModel::update(const json& update) {
 
 std::string SessionModel::updateWords(const json& update) {
     const std::string type = update["type"];
-    json payload = update["payload"];
-    const auto task = tasks_.find(textOf(payload, "taskId"));
-    const bool isKnown = task != tasks_.end();
-    const bool lives = isKnown && !kDeadTasks.contains(task->second["state"]);
-    const auto emitAndEnter = [&](const std::string& state, const std::string& reason) {
-        emit(type, payload);
-        if (!state.empty()) enter(state, reason);
-        return std::string();
-    };
-    if (kPlainFacts.contains(type)) return emitAndEnter("", "");
-    if (type == "user_input_accepted") return "buffered input must be selected by SessionActor at a safe point";
-    if (type == "user_input_requested") {
-        if (state_ != "RUNNING") return "user input can only be requested while running";
-        if (blank(textOf(payload, "requestId"))) payload["requestId"] = makeId("question");
-        return emitAndEnter("WAITING_USER", "user_input_required");
+    const json& payload = update["payload"];
+    if (kPlainFacts.contains(type)) return emitAndEnter(type, payload);
+    if (type == "task_waiting") return waitWords(payload);
+    if (kTaskFacts.contains(type)) {
+        const std::string words = taskWords(type, payload);
+        return words.empty() ? emitAndEnter(type, payload) : words;
     }
-    if (type == "approval_requested") {
-        if (state_ != "RUNNING") return "approval can only be requested while running";
-        if (blank(textOf(payload, "approvalId"))) payload["approvalId"] = makeId("approval");
-        return emitAndEnter("WAITING_APPROVAL", "approval_required");
-    }
+    if (type == "user_input_requested" || type == "approval_requested") return questionWords(type, payload);
     if (type == "wake_fired") {
         if (state_ != "WAITING_TASKS") return "task wake requires WAITING_TASKS";
-        if (textOf(payload, "joinId") != join_["joinId"]) return "task wake targets a stale join";
-        return emitAndEnter("RUNNING", "task_wake");
-    }
-    if (type == "task_queued") {
-        const bool isOpen = state_ == "RUNNING" || kWaits.contains(state_);
-        if (!isOpen || textOf(payload, "taskId").empty() || isKnown || blank(textOf(payload, "task")) ||
-            textOf(payload, "parentTaskId").empty() || numberOf(payload, "depth") < 2) {
-            return "invalid child task admission fact";
-        }
-        if (!Words{"none", "read", "write"}.contains(payload.value("access", "none"))) {
-            return "unknown child task workspace access";
-        }
-        return emitAndEnter("", "");
-    }
-    if (type == "task_started") {
-        if (!isKnown || task->second["state"] != "QUEUED") return "child task is not queued";
-        return emitAndEnter("", "");
-    }
-    if (type == "task_cancellation_requested") {
-        if (!lives || isTrue(task->second, "cancellationRequested")) return "child task cannot be cancelled";
-        return emitAndEnter("", "");
-    }
-    if (type == "task_waiting") {
-        if (state_ != "RUNNING") return "task wait can only begin while running";
-        if (textOf(payload, "joinId").empty() || textOf(payload, "callId").empty()) {
-            return "task wait requires joinId and callId";
-        }
-        const std::string policy = payload.value("policy", "all");
-        if (!Words{"all", "any", "idle", "condition"}.contains(policy)) return "unknown task join policy";
-        const json ids = payload.value("taskIds", json::array());
-        if (ids.empty()) return "task wait requires at least one task";
-        for (const json& id : ids) {
-            if (!tasks_.contains(id)) return "task wait references an unknown child task";
-        }
-        if (policy == "condition" && numberOf(payload, "minSucceeded") < 1) {
-            return "condition join requires minSucceeded greater than zero";
-        }
-        emit(type, payload);
-        emit("wake_scheduled", payload);
-        enter("WAITING_TASKS", "waiting_for_tasks");
-        return "";
-    }
-    if (type == "task_completed") {
-        if (!lives || !kDeadTasks.contains(textOf(payload, "state"))) return "invalid child task completion fact";
-        return emitAndEnter("", "");
+        if (stringMember(payload, "joinId") != join_["joinId"]) return "task wake targets a stale join";
+        return emitAndEnter(type, payload, "RUNNING", "task_wake");
     }
     if (type == "run_completed") {
         if (state_ != "RUNNING" || cancelled_) return "run cannot complete from the current control state";
         if (waitingInputs() > 0) return "pending input requires atomic completeTurn promotion";
         if (hasLivingTask()) return "active child tasks require an explicit task join";
-        return emitAndEnter("COMPLETED", "runtime_completed");
+        return emitAndEnter(type, payload, "COMPLETED", "runtime_completed");
     }
     if (type == "run_failed") {
         for (const auto& [id, child] : tasks_) {
@@ -381,10 +244,75 @@ std::string SessionModel::updateWords(const json& update) {
                                     {"error", "parent run failed before the child task settled"},
                                     {"finishedAtMs", nowMs}});
         }
-        return emitAndEnter("FAILED", "runtime_failed");
+        return emitAndEnter(type, payload, "FAILED", "runtime_failed");
     }
-    if (type == "run_cancelled") return emitAndEnter("CANCELLED", "cancellation_confirmed");
-    return "runtime cannot directly emit this control event type";
+    if (type == "run_cancelled") return emitAndEnter(type, payload, "CANCELLED", "cancellation_confirmed");
+    return type == "user_input_accepted" ? "buffered input must be selected by SessionActor at a safe point"
+                                         : "runtime cannot directly emit this control event type";
+}
+
+/// An accepted fact and, if it changes the state, that change.
+std::string SessionModel::emitAndEnter(const std::string& type, const json& payload, const std::string& state,
+                                       const std::string& reason) {
+    emit(type, payload);
+    if (!state.empty()) enter(state, reason);
+    return "";
+}
+
+std::string SessionModel::questionWords(const std::string& type, json payload) {
+    const bool isApproval = type == "approval_requested";
+    const char* const key = isApproval ? "approvalId" : "requestId";
+    if (state_ != "RUNNING") {
+        return std::string(isApproval ? "approval" : "user input") + " can only be requested while running";
+    }
+    if (blank(stringMember(payload, key))) payload[key] = makeId(isApproval ? "approval" : "question");
+    return emitAndEnter(type, payload, isApproval ? "WAITING_APPROVAL" : "WAITING_USER",
+                        isApproval ? "approval_required" : "user_input_required");
+}
+
+std::string SessionModel::taskWords(const std::string& type, const json& payload) const {
+    const auto task = tasks_.find(stringMember(payload, "taskId"));
+    const bool isKnown = task != tasks_.end();
+    const bool lives = isKnown && !kDeadTasks.contains(task->second["state"]);
+    if (type == "task_started") {
+        return isKnown && task->second["state"] == "QUEUED" ? "" : "child task is not queued";
+    }
+    if (type == "task_cancellation_requested") {
+        return lives && !boolMember(task->second, "cancellationRequested", false) ? ""
+                                                                                  : "child task cannot be cancelled";
+    }
+    if (type == "task_completed") {
+        return lives && kDeadTasks.contains(stringMember(payload, "state")) ? "" : "invalid child task completion fact";
+    }
+    const bool isOpen = state_ == "RUNNING" || kWaits.contains(state_);
+    if (!isOpen || stringMember(payload, "taskId").empty() || isKnown || blank(stringMember(payload, "task")) ||
+        stringMember(payload, "parentTaskId").empty() || integerMember(payload, "depth", 0) < 2) {
+        return "invalid child task admission fact";
+    }
+    return Words{"none", "read", "write"}.contains(payload.value("access", "none"))
+               ? ""
+               : "unknown child task workspace access";
+}
+
+std::string SessionModel::waitWords(const json& payload) {
+    if (state_ != "RUNNING") return "task wait can only begin while running";
+    if (stringMember(payload, "joinId").empty() || stringMember(payload, "callId").empty()) {
+        return "task wait requires joinId and callId";
+    }
+    const std::string policy = payload.value("policy", "all");
+    if (!Words{"all", "any", "idle", "condition"}.contains(policy)) return "unknown task join policy";
+    const json ids = payload.value("taskIds", json::array());
+    if (ids.empty()) return "task wait requires at least one task";
+    for (const json& id : ids) {
+        if (!tasks_.contains(id)) return "task wait references an unknown child task";
+    }
+    if (policy == "condition" && integerMember(payload, "minSucceeded", 0) < 1) {
+        return "condition join requires minSucceeded greater than zero";
+    }
+    emit("task_waiting", payload);
+    emit("wake_scheduled", payload);
+    enter("WAITING_TASKS", "waiting_for_tasks");
+    return "";
 }
 
 void SessionModel::takeInput(bool interjection, bool newTurn) {
@@ -403,7 +331,7 @@ json SessionModel::inputOf(const json& events) {
     for (const json& event : events) {
         const json& payload = event["payload"];
         if (event["type"] != "user_input_accepted") continue;
-        if (!isTrue(payload, "fromQueue") && !isTrue(payload, "fromInterjection")) continue;
+        if (!boolMember(payload, "fromQueue", false) && !boolMember(payload, "fromInterjection", false)) continue;
         return {{"content", payload["content"]},
                 {"mode", payload["mode"]},
                 {"sourceEventId", payload["sourceEventId"]},

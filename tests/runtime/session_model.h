@@ -49,11 +49,29 @@ private:
     void emit(const std::string& type, json payload);
     void enter(const std::string& state, const std::string& reason);
     void apply(const json& event);
+    void applyStart(const json& event);
+    void applyInput(const json& event);
+    void applyCancellation(const json& event);
+    void applyQuestion(const json& event);
+    void applyAnswer(const json& event);
+    void applyJoin(const json& event);
+    void applyTask(const json& event);
+    void applyState(const json& event);
+    json queuedTask(const json& payload) const;
     std::string makeId(const std::string& prefix) { return prefix + "_" + std::to_string(++ids_[prefix]); }
     bool isOver() const { return state_ == "COMPLETED" || state_ == "FAILED" || state_ == "CANCELLED"; }
     bool hasLivingTask() const;
     std::string commandWords(const json& command);
+    std::string startWords(const json& payload);
+    std::string inputWords(const json& payload);
+    std::string cancelWords(const json& payload);
+    std::string approvalWords(const json& payload);
     std::string updateWords(const json& update);
+    std::string emitAndEnter(const std::string& type, const json& payload, const std::string& state = {},
+                             const std::string& reason = {});
+    std::string questionWords(const std::string& type, json payload);
+    std::string taskWords(const std::string& type, const json& payload) const;
+    std::string waitWords(const json& payload);
     std::string completeWords(const json& update);
     void takeInput(bool interjection, bool newTurn);
     static json inputOf(const json& events);
