@@ -1,8 +1,10 @@
 #include "util/detached_tasks.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <list>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -31,6 +33,18 @@ struct DetachedTasks::State {
     std::size_t runningTasks = 0;
     std::chrono::milliseconds idleTime{0};
     bool closing = false;
+    /// The handles of all threads, until they retire or the object ends.
+    std::list<std::thread> threads;
+
+    /// Called by a thread that waited in vain: nobody will join it any more.
+    void retireThisThread() {
+        const auto self = std::find_if(threads.begin(), threads.end(), [](const std::thread& thread) {
+            return thread.get_id() == std::this_thread::get_id();
+        });
+        if (self == threads.end()) return;
+        self->detach();
+        threads.erase(self);
+    }
 
     void countOut() {
         if (--runningTasks == 0) allDone.notify_all();
@@ -57,29 +71,42 @@ DetachedTasks::DetachedTasks(std::chrono::milliseconds idleTime) : state_(std::m
 }
 
 DetachedTasks::~DetachedTasks() {
-    const std::lock_guard lock(state_->mutex);
-    state_->closing = true;
-    state_->handedOver.notify_all();
+    std::list<std::thread> threads;
+    bool allIdle = false;
+    {
+        const std::lock_guard lock(state_->mutex);
+        state_->closing = true;
+        state_->handedOver.notify_all();
+        threads.swap(state_->threads);
+        allIdle = state_->runningTasks == 0;
+    }
+    // Idle threads end at once. They are waited for, because what libraries keep for each thread is freed with it, and
+    // the end of the process may be near.
+    for (auto& thread : threads) {
+        if (allIdle) {
+            thread.join();
+        } else {
+            thread.detach();
+        }
+    }
 }
 
 void DetachedTasks::run(const char* name, std::function<void()> task) {
-    {
+    try {
         const std::lock_guard lock(state_->mutex);
         if (state_->idleThreads > 0) {
             state_->handed.push_back({name, std::move(task)});
             --state_->idleThreads;
-            ++state_->runningTasks;
             state_->handedOver.notify_one();
-            return;
+        } else {
+            // Started under the lock, which the thread takes before it looks for its handle.
+            std::list<std::thread> started(1);
+            started.front() = std::thread(&DetachedTasks::work, state_, std::string(name), std::move(task));
+            state_->threads.splice(state_->threads.end(), started);
         }
         ++state_->runningTasks;
-    }
-    try {
-        std::thread(&DetachedTasks::work, state_, std::string(name), std::move(task)).detach();
     } catch (const std::exception& failure) {
         log(LogLevel::Error, std::string("后台任务 ") + name + " 异常已拦截: " + failure.what());
-        const std::lock_guard lock(state_->mutex);
-        state_->countOut();
     }
 }
 
@@ -104,6 +131,7 @@ void DetachedTasks::work(const std::shared_ptr<State>& state, std::string name, 
         state->handedOver.wait_for(lock, state->idleTime, [&] { return !state->handed.empty() || state->closing; });
         if (state->handed.empty()) {
             --state->idleThreads;
+            state->retireThisThread();
             return;
         }
         name = std::move(state->handed.front().name);

@@ -16,7 +16,8 @@ class DetachedTasks {
 public:
     /// `idleTime`: how long a thread without a task stays.
     explicit DetachedTasks(std::chrono::milliseconds idleTime = std::chrono::seconds(10));
-    /// Lets idle threads end and leaves running tasks alone: what they use must be theirs or outlive them.
+    /// Ends and joins idle threads, unless tasks are running: these are left alone, and what they use must be theirs or
+    /// outlive them. Not from a task.
     ~DetachedTasks();
     DetachedTasks(const DetachedTasks&) = delete;
     DetachedTasks& operator=(const DetachedTasks&) = delete;
