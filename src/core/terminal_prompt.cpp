@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 
@@ -16,7 +17,9 @@ termios savedMode;
 /// Runs on a signal that ends the process: the terminal must not stay without echo.
 void restoreModeAndDie(int signalNumber) {
     tcsetattr(STDIN_FILENO, TCSANOW, &savedMode);
-    // The handler was installed with SA_RESETHAND, so this time the signal takes its usual course.
+    struct sigaction usual = {};
+    usual.sa_handler = SIG_DFL;
+    sigaction(signalNumber, &usual, nullptr);
     raise(signalNumber);
 }
 
@@ -28,7 +31,7 @@ public:
         active_ = true;
         struct sigaction action = {};
         action.sa_handler = restoreModeAndDie;
-        action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+        action.sa_flags = SA_NODEFER;
         for (std::size_t i = 0; i < kSignals.size(); ++i)
             sigaction(kSignals[i], &action, &previous_[i]);
         termios mode = savedMode;
@@ -57,11 +60,15 @@ private:
     std::array<struct sigaction, kSignals.size()> previous_{};
 };
 
-/// Through stdio, because two prompts in a row must share one buffer: a pipe delivers both answers at once.
+/// Byte by byte from the descriptor: what stands behind the line stays there for the next prompt.
 std::string readLine() {
     std::string line;
-    for (int character = std::getchar(); character != EOF && character != '\n'; character = std::getchar()) {
-        line += static_cast<char>(character);
+    for (;;) {
+        char character = '\0';
+        const ssize_t count = ::read(STDIN_FILENO, &character, 1);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0 || character == '\n') break;
+        line += character;
     }
     while (line.ends_with('\r') || line.ends_with('\n'))
         line.pop_back();
