@@ -206,7 +206,8 @@ TEST_F(FilesystemCapabilities, ListDirectoryKeepsTheOrderOfTheFileSystem) {
         expected.push_back(entry.path().filename());
     std::vector<std::string> found;
     const json listed = call("list_directory", {{"workspace", id}});
-    for (const auto& entry : listed["entries"]) found.push_back(entry["name"]);
+    for (const auto& entry : listed["entries"])
+        found.push_back(entry["name"]);
     EXPECT_EQ(found, expected);
 }
 

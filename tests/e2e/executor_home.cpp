@@ -45,7 +45,8 @@ std::filesystem::path ExecutorHome::addWorkspace(const std::string& id, const st
 
 void expectOrderlyStop(ExecutorProcess& executor) {
     executor.sendSignal(SIGTERM);
-    EXPECT_EQ(executor.waitForExit(kStopLimit), (ExitStatus{.code = 0, .signal = 0})) << executor.output() << executor.errorOutput();
+    EXPECT_EQ(executor.waitForExit(kStopLimit), (ExitStatus{.code = 0, .signal = 0}))
+        << executor.output() << executor.errorOutput();
 }
 
 }  // namespace qm::test

@@ -129,7 +129,8 @@ struct ScriptedHttpServer::Impl final : Script {
     LoopbackServer server;
 };
 
-ScriptedHttpServer::ScriptedHttpServer(const ScriptedHttpServerOptions& options) : impl_(std::make_unique<Impl>(options)) {
+ScriptedHttpServer::ScriptedHttpServer(const ScriptedHttpServerOptions& options)
+    : impl_(std::make_unique<Impl>(options)) {
     Impl& impl = *impl_;
     impl.server.start({
         .onConnection = {},

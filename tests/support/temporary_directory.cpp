@@ -9,7 +9,8 @@
 namespace qm::test {
 
 TemporaryDirectory::TemporaryDirectory() {
-    std::string pattern = (std::filesystem::canonical(std::filesystem::temp_directory_path()) / "qm-test-XXXXXX").string();
+    std::string pattern =
+        (std::filesystem::canonical(std::filesystem::temp_directory_path()) / "qm-test-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::system_error(errno, std::generic_category(), pattern);
     path_ = pattern;
 }
