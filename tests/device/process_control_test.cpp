@@ -120,8 +120,10 @@ TEST(ProcessControl, NothingWasAskedForAtFirst) {
 TEST(ProcessControl, ManyKillsAreAsGoodAsOne) {
     const auto control = std::make_shared<ProcessControl>();
     std::jthread running([&] { EXPECT_EQ(runProcess(shell("sleep 60"), control).exitCode, 128 + SIGKILL); });
+    constexpr std::size_t kKillers = 8;
     std::vector<std::jthread> killers;
-    for (int index = 0; index < 8; ++index) {
+    killers.reserve(kKillers);
+    while (killers.size() < kKillers) {
         killers.emplace_back([&] {
             for (int count = 0; count < 100; ++count)
                 control->kill();
@@ -137,6 +139,7 @@ TEST(ProcessControl, ManyKillsAreAsGoodAsOne) {
 void race(int rounds, const std::function<void(Killer& killer, std::mt19937& random)>& round) {
     constexpr int kThreads = 4;
     std::vector<std::jthread> threads;
+    threads.reserve(kThreads);
     for (unsigned seed = 0; seed < kThreads; ++seed) {
         threads.emplace_back([&round, rounds, seed] {
             std::mt19937 random(seed);  // NOLINT: the same moments in every run.

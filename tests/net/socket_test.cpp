@@ -31,6 +31,12 @@ void hold(PeerConnection& connection) {
     connection.hold();
 }
 
+/// Resets the connection once a byte has come: at once, the reset could overtake the end of connecting.
+void resetAfterAByte(PeerConnection& connection) {
+    connection.readExactly(1);
+    connection.reset();
+}
+
 std::unique_ptr<Socket> connectTo(const TcpPeer& peer, int timeoutMs = kLongMs) {
     std::string error;
     auto socket = Socket::connect("127.0.0.1", peer.port(), false, timeoutMs, &error);
@@ -127,10 +133,11 @@ TEST(Socket, AReadThatTakesTooLongFailsAndSaysWhy) {
 }
 
 TEST(Socket, AResetFailsTheReadAndSaysWhy) {
-    TcpPeer peer([](PeerConnection& connection) { connection.reset(); });
+    TcpPeer peer(resetAfterAByte);
     const auto socket = connectTo(peer);
     char buffer[16];
 
+    ASSERT_TRUE(socket->send("x"));
     EXPECT_EQ(socket->readWithoutTimeout(buffer, sizeof buffer), -1);
     EXPECT_EQ(socket->readError(), "Connection reset by peer");
 }
@@ -146,7 +153,7 @@ TEST(Socket, ASendThatTakesTooLongFailsAndSoDoesEveryLaterOne) {
 
 TEST(Socket, SendingToADeadPeerIsAnErrorAndNoSignal) {
     ASSERT_TRUE(sigpipeEndsTheProcess());
-    TcpPeer peer([](PeerConnection& connection) { connection.reset(); });
+    TcpPeer peer(resetAfterAByte);
     const auto socket = connectTo(peer);
 
     sendUntilRefused(*socket);
@@ -154,7 +161,7 @@ TEST(Socket, SendingToADeadPeerIsAnErrorAndNoSignal) {
 
 TEST(Socket, SendingToADeadPeerUnderTlsIsAnErrorAndNoSignal) {
     ASSERT_TRUE(sigpipeEndsTheProcess());
-    TcpPeer peer(trustedAuthority().issue({"localhost"}), [](PeerConnection& connection) { connection.reset(); });
+    TcpPeer peer(trustedAuthority().issue({"localhost"}), resetAfterAByte);
     std::string error;
     auto socket = Socket::connect("localhost", peer.port(), true, kLongMs, &error);
     ASSERT_NE(socket, nullptr) << error;

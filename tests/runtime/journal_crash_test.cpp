@@ -10,18 +10,19 @@
 #include <exception>
 #include <filesystem>
 #include <random>
+#include <stdexcept>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "runtime/journal_fixture.h"
 #include "runtime/jsonl_agent_event_store.h"
+#include "support/run_on_threads.h"
 #include "support/temporary_directory.h"
 #include "util/unique_fd.h"
 
 namespace qm {
 namespace {
 
+using qm::test::runOnThreads;
 using qm::test::TemporaryDirectory;
 using runtime::test::makeEvents;
 
@@ -116,29 +117,24 @@ TEST(JournalCrash, AKillNeverLosesAnAcknowledgedBatch) {
 
 TEST(JournalCrash, StoresThatRaceForOneFileNeverBreakIt) {
     const TemporaryDirectory directory;
-    constexpr int kStores = 4;
+    constexpr std::size_t kStores = 4;
     constexpr int kRounds = 40;
     for (int round = 0; round < kRounds; ++round) {
         const std::string session = "s" + std::to_string(round);
         std::atomic<int> successes = 0;
-        std::vector<std::jthread> threads;
-        threads.reserve(kStores);
-        for (int index = 0; index < kStores; ++index) {
-            threads.emplace_back([&] {
-                JsonlAgentEventStore store(directory.path());
-                for (int attempt = 0; attempt < 10; ++attempt) {
-                    const auto events = store.read(session, 0);
-                    try {
-                        store.append(session, events.size(), makeEvents(session, 1));
-                        ++successes;
-                    } catch (const std::runtime_error& error) {
-                        EXPECT_TRUE(std::string(error.what()).starts_with("agent journal append conflict: "))
-                            << error.what();
-                    }
+        runOnThreads(kStores, [&](std::size_t) {
+            JsonlAgentEventStore store(directory.path());
+            for (int attempt = 0; attempt < 10; ++attempt) {
+                const auto events = store.read(session, 0);
+                try {
+                    store.append(session, events.size(), makeEvents(session, 1));
+                    ++successes;
+                } catch (const std::runtime_error& error) {
+                    EXPECT_TRUE(std::string(error.what()).starts_with("agent journal append conflict: "))
+                        << error.what();
                 }
-            });
-        }
-        threads.clear();
+            }
+        });
         JsonlAgentEventStore store(directory.path());
         EXPECT_EQ(store.read(session, 0).size(), static_cast<std::size_t>(successes));
         EXPECT_GE(successes, 10);

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -9,11 +8,13 @@
 
 #include "runtime/journal_fixture.h"
 #include "runtime/jsonl_agent_event_store.h"
+#include "support/ordinary_user.h"
 #include "support/temporary_directory.h"
 
 namespace qm {
 namespace {
 
+using qm::test::OrdinaryUser;
 using qm::test::readFile;
 using qm::test::TemporaryDirectory;
 using qm::test::writeFile;
@@ -25,24 +26,6 @@ using runtime::test::sealed;
 using runtime::test::sequencesOf;
 
 namespace fs = std::filesystem;
-
-/// Takes the superuser's rights away for a while, so that modes of files hold.
-class WithoutPrivileges {
-public:
-    WithoutPrivileges() {
-        if (::geteuid() == 0) was_ = ::seteuid(65534);
-        EXPECT_NE(::geteuid(), 0U);
-    }
-    ~WithoutPrivileges() {
-        if (was_ != 0) return;
-        EXPECT_EQ(::seteuid(0), 0);
-    }
-    WithoutPrivileges(const WithoutPrivileges&) = delete;
-    WithoutPrivileges& operator=(const WithoutPrivileges&) = delete;
-
-private:
-    int was_ = -1;
-};
 
 /// Lets files grow to this size only, for a while.
 class FileSizeLimit {
@@ -67,8 +50,6 @@ private:
 
 class JournalFailure : public testing::Test {
 protected:
-    void SetUp() override { fs::permissions(directory.path(), fs::perms(0755)); }
-
     std::string readFailure() {
         return failureOf<std::runtime_error>([this] { store.read("s1", 0); });
     }
@@ -93,7 +74,7 @@ TEST_F(JournalFailure, ADirectoryThatIsClosedToUsIsReported) {
     writeFile(file, line);
     fs::permissions(journals, fs::perms::none);
     {
-        const WithoutPrivileges nobody;
+        const OrdinaryUser user(directory.path());
         EXPECT_EQ(readFailure(), "cannot inspect agent journal: Permission denied");
     }
     fs::permissions(journals, fs::perms(0700));
@@ -101,9 +82,8 @@ TEST_F(JournalFailure, ADirectoryThatIsClosedToUsIsReported) {
 
 TEST_F(JournalFailure, AFileThatCannotBeReadIsReported) {
     writeFile(file, line);
-    fs::permissions(journals, fs::perms(0755));
     fs::permissions(file, fs::perms::none);
-    const WithoutPrivileges nobody;
+    const OrdinaryUser user(directory.path());
     EXPECT_EQ(readFailure(), "cannot open agent journal for reading");
     EXPECT_EQ(failureOfAppend(1), "cannot open agent journal for reading");
 }
@@ -122,23 +102,28 @@ TEST_F(JournalFailure, ADirectoryThatCannotBeCreatedIsReported) {
     JsonlAgentEventStore below(journals / "a/file");
     EXPECT_EQ(appendFailure<std::runtime_error>(below, "s1", 0, makeEvents("s1", 1)),
               "cannot create agent journal directory: Not a directory");
-    fs::remove(journals);
-    const WithoutPrivileges nobody;
-    EXPECT_EQ(failureOfAppend(), "cannot create agent journal directory: Permission denied");
+}
+
+TEST_F(JournalFailure, ADirectoryThatMayNotBeCreatedIsReported) {
+    fs::permissions(directory.path(), fs::perms(0555));
+    {
+        const OrdinaryUser user(directory.path());
+        EXPECT_EQ(failureOfAppend(), "cannot create agent journal directory: Permission denied");
+    }
+    fs::permissions(directory.path(), fs::perms(0755));
 }
 
 TEST_F(JournalFailure, AFileThatCannotBeCreatedIsReported) {
     fs::create_directories(journals);
     fs::permissions(journals, fs::perms(0555));
-    const WithoutPrivileges nobody;
+    const OrdinaryUser user(directory.path());
     EXPECT_EQ(failureOfAppend(), "cannot open agent journal for append");
 }
 
 TEST_F(JournalFailure, AFileThatCanOnlyBeReadIsReadButNotAppendedTo) {
     writeFile(file, line);
-    fs::permissions(journals, fs::perms(0755));
     fs::permissions(file, fs::perms(0444));
-    const WithoutPrivileges nobody;
+    const OrdinaryUser user(directory.path());
     EXPECT_EQ(store.read("s1", 0).size(), 1U);
     EXPECT_EQ(failureOfAppend(0), "agent journal append conflict: expected 0, actual 1");
     EXPECT_EQ(failureOfAppend(1), "cannot open agent journal for append");
@@ -146,9 +131,8 @@ TEST_F(JournalFailure, AFileThatCanOnlyBeReadIsReadButNotAppendedTo) {
 
 TEST_F(JournalFailure, ATailThatCannotBeCutIsReported) {
     writeFile(file, line + "torn");
-    fs::permissions(journals, fs::perms(0755));
     fs::permissions(file, fs::perms(0444));
-    const WithoutPrivileges nobody;
+    const OrdinaryUser user(directory.path());
     EXPECT_EQ(failureOfAppend(1), "cannot repair agent journal crash tail: Permission denied");
 }
 

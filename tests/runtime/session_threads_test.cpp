@@ -1,39 +1,26 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <latch>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "runtime/agent_json.h"
 #include "runtime/in_memory_agent_event_store.h"
 #include "runtime/jsonl_agent_event_store.h"
 #include "runtime/session_actor.h"
+#include "support/run_on_threads.h"
 #include "support/temporary_directory.h"
 
 namespace qm::runtime {
 namespace {
 
-constexpr int kThreads = 16;
+using qm::test::runOnThreads;
 
-/// Runs `work` with the numbers from 0 on as many threads, all at once.
-template <typename Work>
-void together(Work work) {
-    std::latch start(kThreads);
-    std::vector<std::jthread> threads;
-    threads.reserve(kThreads);
-    for (int number = 0; number < kThreads; ++number) {
-        threads.emplace_back([&, number] {
-            start.arrive_and_wait();
-            work(number);
-        });
-    }
-}
+constexpr std::size_t kThreads = 16;
 
 AgentCommand makeCommand(AgentCommandType type, std::string id, const std::string& runId, json payload) {
     return {.v = 1,
@@ -81,7 +68,7 @@ TEST(SessionThreads, SixteenThreadsWriteOneJournalWithoutAGap) {
     Answers answers;
     constexpr int kRounds = 120;
 
-    together([&](int number) {
+    runOnThreads(kThreads, [&](std::size_t number) {
         for (int round = 0; round < kRounds; ++round) {
             // Four threads share each key.
             const std::string key = std::to_string(number / 4) + "-" + std::to_string(round);
@@ -101,7 +88,7 @@ TEST(SessionThreads, SixteenThreadsWriteOneJournalWithoutAGap) {
     answers.expectOnePlaceForEachKey();
     const auto events = store->read("s1", 0);
     expectContiguous(events);
-    EXPECT_EQ(events.size(), 3U + 2U * (kThreads / 4) * kRounds);
+    EXPECT_EQ(events.size(), 3 + 2 * (kThreads / 4) * kRounds);
     EXPECT_EQ(actor.snapshot().lastSequence, events.size());
     EXPECT_EQ(snapshotToJson(SessionActor("s1", store).snapshot()), snapshotToJson(actor.snapshot()));
 }
@@ -117,7 +104,7 @@ TEST(SessionThreads, NoInputIsLostOrHandedOutTwiceWhileTurnsEnd) {
     std::multiset<std::string> received;
     std::atomic<int> ids = 0;
 
-    together([&](int number) {
+    runOnThreads(kThreads, [&](std::size_t number) {
         for (int round = 0; round < kInputs; ++round) {
             const std::string id = std::to_string(number) + "-" + std::to_string(round);
             if (number % 2 == 0) {
@@ -163,7 +150,7 @@ TEST(SessionThreads, NoInputIsLostOrHandedOutTwiceWhileTurnsEnd) {
         received.insert(input->content);
     }
     EXPECT_EQ(received, sent);
-    EXPECT_EQ(sent.size(), static_cast<std::size_t>(kThreads / 2 * kInputs));
+    EXPECT_EQ(sent.size(), kThreads / 2 * kInputs);
     EXPECT_EQ(actor.snapshot().state, RunState::Completed);
     expectContiguous(store->read("s1", 0));
 }
@@ -172,7 +159,7 @@ TEST(SessionThreads, ActorsOfSeveralSessionsShareOneJournalStore) {
     const qm::test::TemporaryDirectory directory;
     const auto store = std::make_shared<JsonlAgentEventStore>(directory.path());
 
-    together([&](int number) {
+    runOnThreads(kThreads, [&](std::size_t number) {
         const std::string session = "s" + std::to_string(number);
         SessionActor actor(session, store);
         AgentCommand start = makeCommand(AgentCommandType::StartRun, "start", "", {{"objective", session}});
@@ -189,7 +176,7 @@ TEST(SessionThreads, ActorsOfSeveralSessionsShareOneJournalStore) {
     });
 
     JsonlAgentEventStore fresh(directory.path());
-    for (int number = 0; number < kThreads; ++number) {
+    for (std::size_t number = 0; number < kThreads; ++number) {
         const auto events = fresh.read("s" + std::to_string(number), 0);
         EXPECT_EQ(events.size(), 23U);
         expectContiguous(events);
@@ -201,13 +188,13 @@ TEST(SessionThreads, IdsOfShortLivedThreadsNeverRepeat) {
     std::set<std::string> ids;
     constexpr int kRounds = 100;
     for (int round = 0; round < kRounds; ++round) {
-        together([&](int) {
+        runOnThreads(kThreads, [&](std::size_t) {
             std::string id = randomAgentId("evt");
             const std::lock_guard lock(mutex);
             ids.insert(std::move(id));
         });
     }
-    EXPECT_EQ(ids.size(), static_cast<std::size_t>(kThreads * kRounds));
+    EXPECT_EQ(ids.size(), kThreads * kRounds);
 }
 
 }  // namespace
