@@ -28,9 +28,13 @@ void ProcessControl::attach(pid_t processGroup, int wakeFd) {
 
 bool ProcessControl::detach() {
     const std::lock_guard lock(mutex_);
+    // A kill raises its flag before it looks for the group: between the two the flag has already told the running
+    // thread to stop, and once the group is forgotten nobody would be left to signal it.
+    const bool requested = killRequested_.load();
+    if (requested) killGroup();
     processGroup_.store(0);
     wakeFd_ = -1;
-    return killRequested_.load();
+    return requested;
 }
 
 void ProcessControl::killGroup() {

@@ -31,7 +31,7 @@ public:
     void attach(pid_t processGroup, int wakeFd);
 
     /// For the thread that runs the process, before it reaps the group's leader: later kills do nothing. Whether a kill
-    /// was asked for.
+    /// was asked for; if so, the group has got it.
     bool detach();
 
 private:

@@ -176,7 +176,8 @@ void ProcessRun::lookAtLeader() {
 }
 
 void ProcessRun::reap() {
-    // First of all the group is forgotten: once the child is reaped, its number may become somebody else's.
+    // First of all the group gets the kill that was asked for and is forgotten: once the child is reaped, its number
+    // may become somebody else's.
     if (control_ != nullptr) result_.cancelled = control_->detach();
     int status = 0;
     pid_t reaped = -1;

@@ -1,22 +1,28 @@
 #include "device/process_control.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "device/process_test_support.h"
 #include "device/run_process.h"
 #include "support/temporary_directory.h"
+#include "support/wait_until.h"
+#include "util/unique_fd.h"
 
 namespace qm {
 namespace {
@@ -113,6 +119,55 @@ TEST(ProcessControl, AKillAfterTheEndDoesNothing) {
     EXPECT_TRUE(control->killRequested());
 }
 
+/// A process that leads a group of its own and ends with status 5 once it is told to, unless it is killed before.
+class GroupLeader {
+public:
+    GroupLeader() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+        const UniqueFd readEnd(ends[0]);
+        writeEnd_.reset(ends[1]);
+        pid_ = test::forkProcess([&] {
+            writeEnd_.reset();
+            char byte = 0;
+            return ::read(readEnd.get(), &byte, 1) == 0 ? 5 : 6;
+        });
+        EXPECT_EQ(::setpgid(pid_, pid_), 0);
+    }
+    pid_t pid() const { return pid_; }
+    int endWhenTold() {
+        writeEnd_.reset();
+        return test::awaitEnd(pid_);
+    }
+
+private:
+    UniqueFd writeEnd_;
+    pid_t pid_ = -1;
+};
+
+TEST(ProcessControl, AKillThatHasNotReachedTheGroupYetReachesItBeforeTheGroupIsForgotten) {
+    GroupLeader leader;
+    ProcessControl control;
+    control.kill();
+    // The group is known from here on, and the kill came too early to see it.
+    EXPECT_FALSE(control.announce(leader.pid()));
+
+    EXPECT_TRUE(control.detach());
+
+    EXPECT_EQ(test::awaitEnd(leader.pid()), 128 + SIGKILL);
+}
+
+TEST(ProcessControl, AGroupThatWasForgottenIsNotKilled) {
+    GroupLeader leader;
+    ProcessControl control;
+    control.attach(leader.pid(), -1);
+    EXPECT_FALSE(control.detach());
+
+    control.kill();
+
+    EXPECT_EQ(leader.endWhenTold(), 5);
+}
+
 TEST(ProcessControl, NothingWasAskedForAtFirst) {
     EXPECT_FALSE(ProcessControl().killRequested());
 }
@@ -189,6 +244,30 @@ TEST(ProcessControlRaces, AKillAroundTheEndHitsTheChildOrNothing) {
         killer.awaitKill();
         EXPECT_TRUE(result.exitCode == 0 || result.exitCode == 128 + SIGKILL) << result.exitCode;
         EXPECT_TRUE(result.exitCode == 0 || result.cancelled);
+    });
+}
+
+/// Reaps the members of a group, orphans that this process has adopted, until there are none.
+bool groupEnds(pid_t group) {
+    return test::waitUntil([group] { return ::waitpid(-group, nullptr, WNOHANG) < 0 && errno == ECHILD; });
+}
+
+TEST(ProcessControlRaces, NoJobOutlivesARunThatWasKilled) {
+    const test::OrphanAdoption adoption;
+    race(1000, [](Killer& killer, std::mt19937& random) {
+        const auto control = std::make_shared<ProcessControl>();
+        killer.killAfter(control, microseconds(random() % 4000));
+
+        // The job keeps the output: the shell ends at once, and the run with the kill.
+        ProcessOptions options = shell("echo $$; yes & exit 0");
+        options.maxOutputBytes = 20;
+        const ProcessResult result = runProcess(options, control);
+
+        killer.awaitKill();
+        EXPECT_TRUE(result.cancelled);
+        if (result.stdoutText.empty()) return;  // Killed before there could be a job.
+        const auto group = static_cast<pid_t>(std::stol(result.stdoutText));
+        EXPECT_TRUE(groupEnds(group)) << ::kill(-group, SIGKILL);
     });
 }
 
