@@ -20,12 +20,14 @@ EntryType typeOfMode(mode_t mode) {
     return S_ISLNK(mode) ? EntryType::Symlink : EntryType::Other;
 }
 
-/// Asks for the type only where the file system doesn't tell it with the name. Nothing if the name is gone.
+/// Asks for the type only where the file system doesn't tell it with the name. Nothing if the name is gone; one whose
+/// type nobody tells stays.
 std::optional<EntryType> typeOf(const dirent64& entry, int directory) {
     if (entry.d_type != DT_UNKNOWN) return typeOfMode(static_cast<mode_t>(DTTOIF(entry.d_type)));
     struct stat status {};
-    if (::fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
-    return typeOfMode(status.st_mode);
+    if (::fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) return typeOfMode(status.st_mode);
+    if (errno == ENOENT) return std::nullopt;
+    return EntryType::Other;
 }
 
 }  // namespace

@@ -43,12 +43,15 @@ const char* typeName(EntryType type) {
     return "other";
 }
 
-/// Null if the entry is gone or has become something else since its name was read.
+/// Null if the entry is gone or has become something else since its name was read. Where the size can't be told, as in
+/// a directory that may be read but not entered, it is left out.
 json describeEntry(const DirectoryEntry& entry, int directory) {
     json described{{"name", toStrictUtf8(entry.name)}, {"type", typeName(entry.type)}};
     if (entry.type != EntryType::File) return described;
     struct stat status {};
-    if (::fstatat(directory, entry.name.data(), &status, AT_SYMLINK_NOFOLLOW) != 0) return nullptr;
+    if (::fstatat(directory, entry.name.data(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? json() : described;
+    }
     if (!S_ISREG(status.st_mode)) return nullptr;
     described["sizeBytes"] = status.st_size;
     return described;

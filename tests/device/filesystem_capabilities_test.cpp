@@ -11,6 +11,7 @@
 
 #include "capabilities/capability_registry.h"
 #include "filesystem_fixture.h"
+#include "support/ordinary_user.h"
 #include "util/json.h"
 
 namespace qm {
@@ -252,6 +253,20 @@ TEST_F(FilesystemCapabilities, ADirectoryThatMayNotBeReadIsAFailureWithoutAHostP
     } catch (const std::exception& exception) {
         EXPECT_STREQ(exception.what(), "cannot open the directory: Permission denied");
     }
+}
+
+TEST_F(FilesystemCapabilities, ADirectoryThatMayBeReadButNotEnteredIsListedWithoutSizes) {
+    writeFile(root / "listed/file", "12345");
+    fs::create_directory(root / "listed/sub");
+    json listed;
+    {
+        const test::OrdinaryUser user(directory.path());
+        fs::permissions(root / "listed", fs::perms::owner_read);
+        listed = call("list_directory", {{"workspace", id}, {"path", "listed"}});
+        fs::permissions(root / "listed", fs::perms::owner_all);
+    }
+    EXPECT_THAT(listed["entries"], testing::UnorderedElementsAre(json({{"name", "file"}, {"type", "file"}}),
+                                                                 json({{"name", "sub"}, {"type", "dir"}})));
 }
 
 // ---- stat_path ----
