@@ -5,27 +5,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <string_view>
 #include <system_error>
 
 #include "device/directory_reader.h"
+#include "device/walk_errors.h"
 #include "util/utf8.h"
 
 namespace qm {
 namespace {
 
 constexpr std::string_view kRepositoryDirectory = ".git";
-
-/// Failures that concern one directory only: it may not be read, vanished, became something else, was moved out of the
-/// workspace while it was being opened, or lies too deep.
-bool isSkippable(const std::error_code& error) {
-    constexpr std::array kErrors{
-        std::errc::permission_denied, std::errc::operation_not_permitted,       std::errc::no_such_file_or_directory,
-        std::errc::not_a_directory,   std::errc::too_many_symbolic_link_levels, std::errc::cross_device_link,
-        std::errc::filename_too_long};
-    return std::any_of(kErrors.begin(), kErrors.end(), [&error](std::errc known) { return error == known; });
-}
 
 bool isUtf8(std::string_view text) {
     char32_t ignored = 0;
@@ -55,7 +45,7 @@ public:
             if (fd) {
                 list(std::move(fd), directory + "/");
             } else {
-                skipOrThrow(error);
+                passOverOrThrow(error);
             }
         }
         std::sort(walk_.files.begin(), walk_.files.end());
@@ -63,10 +53,6 @@ public:
     }
 
 private:
-    static void skipOrThrow(const std::error_code& error) {
-        if (!isSkippable(error)) throw std::system_error(error, "cannot read a directory of the workspace");
-    }
-
     void list(UniqueFd fd, const std::string& prefix) {
         if (tree_.isLeftOut(fd.get())) return;
         DirectoryReader reader(std::move(fd));
@@ -77,7 +63,7 @@ private:
             if (prefix.empty() && entry->name == kRepositoryDirectory) continue;
             take(*entry, prefix);
         }
-        if (error) skipOrThrow(error);
+        if (error) passOverOrThrow(error);
     }
 
     void take(const DirectoryEntry& entry, const std::string& prefix) {

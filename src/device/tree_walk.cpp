@@ -3,13 +3,21 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <system_error>
 #include <utility>
+
+#include "device/walk_errors.h"
 
 namespace qm {
 namespace {
 
 UniqueFd openDirectory(int parent, const char* name) {
     return UniqueFd(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+}
+
+[[noreturn]] void throwNoWayBack(int number) {
+    throw std::system_error(number, std::generic_category(), "cannot go back to a directory of the workspace");
 }
 
 }  // namespace
@@ -22,8 +30,8 @@ const TreeWalk::Entry* TreeWalk::next() {
     if (std::exchange(descend_, false)) enter();
     while (!levels_.empty()) {
         Level& level = levels_.back();
-        std::error_code ignored;
-        if (const auto* const found = level.reader.next(ignored)) {
+        std::error_code error;
+        if (const auto* const found = level.reader.next(error)) {
             path_.resize(level.prefixBytes);
             path_ += found->name;
             entry_.path = path_;
@@ -33,14 +41,15 @@ const TreeWalk::Entry* TreeWalk::next() {
             descend_ = found->type == EntryType::Directory;
             return &entry_;
         }
-        if (!leave()) levels_.clear();
+        if (error) passOverOrThrow(error);
+        leave();
     }
     return nullptr;
 }
 
 void TreeWalk::enter() {
     UniqueFd directory = openDirectory(entry_.directory, entry_.name.data());
-    if (!directory) return;
+    if (!directory) return passOverOrThrow({errno, std::generic_category()});
     if (levels_.size() - closedLevels_ >= openDirectories_) closeOutermost();
     path_ += '/';
     levels_.push_back({DirectoryReader(std::move(directory)), path_.size()});
@@ -57,19 +66,18 @@ void TreeWalk::closeOutermost() {
     ++closedLevels_;
 }
 
-// Goes back to the directory above; false if there is no way back.
-bool TreeWalk::leave() {
+void TreeWalk::leave() {
     const UniqueFd child = levels_.back().reader.release();
     levels_.pop_back();
-    if (levels_.empty() || closedLevels_ < levels_.size()) return true;
+    if (levels_.empty() || closedLevels_ < levels_.size()) return;
     Level& parent = levels_.back();
     UniqueFd reopened = openDirectory(child.get(), "..");
     struct stat status {};
-    if (!reopened || ::fstat(reopened.get(), &status) != 0) return false;
+    if (!reopened || ::fstat(reopened.get(), &status) != 0) throwNoWayBack(errno);
     // The child may hang elsewhere by now, outside of the walk's tree too.
-    if (status.st_dev != parent.device || status.st_ino != parent.inode) return false;
+    if (status.st_dev != parent.device || status.st_ino != parent.inode) throwNoWayBack(ENOENT);
     --closedLevels_;
-    return parent.reader.resume(std::move(reopened));
+    if (!parent.reader.resume(std::move(reopened))) throwNoWayBack(errno);
 }
 
 }  // namespace qm

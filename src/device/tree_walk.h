@@ -14,10 +14,9 @@ namespace qm {
 
 /// Everything below a directory, one entry at a time: each directory before its content, names in the kernel's order.
 ///
-/// Symbolic links aren't followed, and directories that can't be opened or read are passed over. However deep the tree,
-/// the walk takes no stack and only some descriptors: directories farther up are closed and, on the way back, opened
-/// again through their child's "..". Should such a directory have been moved in the meantime, the walk ends there.
-/// One thread at a time.
+/// Symbolic links aren't followed, and directories that may not be entered are passed over. However deep the tree, the
+/// walk takes no stack and only some descriptors: directories farther up are closed and, on the way back, opened again
+/// through their child's "..". One thread at a time.
 class TreeWalk {
 public:
     struct Entry {
@@ -33,7 +32,9 @@ public:
     /// the way from one to the next.
     explicit TreeWalk(UniqueFd start, std::size_t openDirectories = kOpenDirectories);
 
-    /// The next entry, valid until the next call; null at the end.
+    /// The next entry, valid until the next call; null at the end. Throws std::system_error, and the walk is over, for
+    /// a directory that it must not pass over, see passOverOrThrow(), and where the way back is lost because somebody
+    /// moved a directory meanwhile.
     const Entry* next();
 
     /// Leaves out what is below the directory that next() has just returned.
@@ -49,7 +50,8 @@ private:
 
     void enter();
     void closeOutermost();
-    bool leave();
+    /// Goes back to the directory above.
+    void leave();
 
     std::size_t openDirectories_;
     std::vector<Level> levels_;

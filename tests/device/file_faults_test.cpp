@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "device/refused_system_calls.h"
 #include "filesystem_fixture.h"
@@ -30,9 +31,9 @@ protected:
     }
 
     /// What the call throws, empty if nothing.
-    std::string thrown(const char* name, const char* path) const {
+    std::string thrown(const char* name, const char* path, json more = json::object()) const {
         try {
-            at(name, path);
+            at(name, path, std::move(more));
         } catch (const std::exception& exception) {
             return exception.what();
         }
@@ -75,6 +76,31 @@ TEST_F(FileFaults, ADiskThatCannotBeReadIsAFailureAndNoEmptyFile) {
     withRefusedCalls({{SYS_pread64, EIO}, {SYS_getdents64, EIO}}, [&] {
         EXPECT_EQ(thrown("read_file", "file"), "cannot read the file: Input/output error");
         EXPECT_EQ(thrown("list_directory", ""), "cannot read the directory: Input/output error");
+    });
+}
+
+TEST_F(FileFaults, ASearchThatCannotReadADirectoryFailsRatherThanLeavesItOut) {
+    writeFile(root / "dir/file", "content");
+    const auto searched = [&](test::RefusedCall refused) {
+        std::string failure;
+        withRefusedCalls({refused}, [&] { failure = thrown("find_files", "", {{"pattern", "file"}}); });
+        return failure;
+    };
+    EXPECT_EQ(searched({SYS_getdents64, EIO}), "cannot read a directory of the workspace: Input/output error");
+    EXPECT_EQ(searched({SYS_openat, EMFILE}), "cannot read a directory of the workspace: Too many open files");
+}
+
+TEST_F(FileFaults, ASearchAsksForNoMoreThanTheNamesTell) {
+    writeFile(root / "dir/file", "content");
+    withRefusedCalls({{SYS_newfstatat, EIO}}, [&] {
+        EXPECT_EQ(at("find_files", "", {{"pattern", "fi*"}})["matches"], json::array({"dir/file"}));
+    });
+}
+
+TEST_F(FileFaults, AnEntryWhoseSizeCannotBeToldIsListedWithoutIt) {
+    writeFile(root / "file", "content");
+    withRefusedCalls({{SYS_newfstatat, EIO}}, [&] {
+        EXPECT_EQ(at("list_directory", "")["entries"], json::parse(R"([{"name": "file", "type": "file"}])"));
     });
 }
 

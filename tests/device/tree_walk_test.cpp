@@ -3,16 +3,20 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <random>
 #include <string>
+#include <system_error>
 #include <vector>
 
+#include "device/refused_system_calls.h"
 #include "workspace_fixture.h"
 
 namespace qm {
@@ -20,7 +24,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::AsOrdinaryUser;
+using test::RefusedCall;
 using test::TemporaryDirectory;
+using test::withRefusedCalls;
 using test::writeFile;
 
 UniqueFd openDirectory(const fs::path& path) {
@@ -116,6 +122,40 @@ TEST(TreeWalk, DirectoriesThatMayNotBeReadArePassedOver) {
     fs::permissions(directory / "closed", fs::perms::owner_all);
 }
 
+TEST(TreeWalk, ADirectoryThatTheDiskCannotGiveIsToldRatherThanPassedOver) {
+    const TemporaryDirectory directory;
+    writeFile(directory / "below/file", "");
+    for (const auto& refused : {RefusedCall{SYS_getdents64, EIO}, RefusedCall{SYS_openat, EMFILE}}) {
+        TreeWalk walk(openDirectory(directory.path()));
+        ASSERT_EQ(walk.next()->path, "below");
+        std::string failure;
+        withRefusedCalls({refused}, [&] {
+            try {
+                walk.next();
+            } catch (const std::system_error& error) {
+                failure = error.what();
+            }
+        });
+        EXPECT_EQ(failure,
+                  "cannot read a directory of the workspace: " + std::generic_category().message(refused.error));
+    }
+}
+
+TEST(TreeWalk, ADirectoryThatVanishedOrBecameAnotherThingIsPassedOver) {
+    const TemporaryDirectory directory;
+    writeFile(directory / "elsewhere/stranger", "");
+    for (const int replacement : {0, 1, 2}) {
+        fs::create_directories(directory / "top/below");
+        TreeWalk walk(openDirectory(directory / "top"));
+        ASSERT_EQ(walk.next()->path, "below");
+        fs::remove(directory / "top/below");
+        if (replacement == 1) writeFile(directory / "top/below", "");
+        if (replacement == 2) fs::create_directory_symlink("../elsewhere", directory / "top/below");
+        EXPECT_EQ(walk.next(), nullptr) << replacement;
+        fs::remove(directory / "top/below");
+    }
+}
+
 /// A chain of directories of one long name, deeper than any path that the kernel takes; removed at the end.
 class DeepChain {
 public:
@@ -169,17 +209,20 @@ TEST(TreeWalk, ATreeDeeperThanAnyPathTakesFewDescriptorsAndIsWalkedWhole) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(TreeWalk, EndsWhereADirectoryOnTheWayBackWasMovedAway) {
+TEST(TreeWalk, TellsThatADirectoryOnTheWayBackWasMovedAway) {
     const TemporaryDirectory directory;
     const TemporaryDirectory elsewhere;
     writeFile(directory / "top/middle/bottom/file", "");
     writeFile(elsewhere / "stranger", "");
     std::vector<std::string> paths;
     TreeWalk walk(openDirectory(directory.path()), 1);
-    while (const auto* const entry = walk.next()) {
-        paths.emplace_back(entry->path);
-        if (entry->name == "file") fs::rename(directory / "top/middle", elsewhere / "middle");
-    }
+    const auto walkAll = [&] {
+        while (const auto* const entry = walk.next()) {
+            paths.emplace_back(entry->path);
+            if (entry->name == "file") fs::rename(directory / "top/middle", elsewhere / "middle");
+        }
+    };
+    EXPECT_THROW(walkAll(), std::system_error);
     EXPECT_EQ(paths, (std::vector<std::string>{"top", "top/middle", "top/middle/bottom", "top/middle/bottom/file"}));
 }
 
