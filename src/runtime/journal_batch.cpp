@@ -7,6 +7,7 @@
 
 #include "runtime/agent_json.h"
 #include "runtime/canonical_json.h"
+#include "runtime/payload_integer.h"
 #include "util/json.h"
 #include "util/sha256.h"
 
@@ -28,34 +29,21 @@ constexpr std::size_t kMaxDepth = kMaxJsonDepth + 16;
     throw std::runtime_error(words);
 }
 
-bool nestsTooDeeply(std::string_view text) {
-    std::size_t depth = 0;
-    bool inString = false;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        const char character = text[at];
-        if (inString) {
-            if (character == '\\') ++at;
-            inString = character != '"';
-        } else if (character == '"') {
-            inString = true;
-        } else if (character == '{' || character == '[') {
-            if (++depth > kMaxDepth) return true;
-        } else if ((character == '}' || character == ']') && depth > 0) {
-            --depth;
-        }
-    }
-    return false;
-}
-
 /// A batch line taken apart.
 struct Envelope {
     json value;
     bool isCanonical = false;  ///< The line is what the library prints for the value.
 };
 
+/// What the library's parser would pass over without a word: it takes a NUL as the end of its input, whatever follows,
+/// and skips a byte order mark at the beginning.
+bool hidesFromParser(std::string_view line) {
+    return line.find('\0') != std::string_view::npos || line.starts_with("\xEF\xBB\xBF");
+}
+
 Envelope parseEnvelope(std::string_view line) {
     if (auto value = parseCanonicalJson(line, kMaxDepth)) return {*std::move(value), true};
-    if (nestsTooDeeply(line)) return {};
+    if (hidesFromParser(line) || nestsDeeperThan(line, kMaxDepth)) return {};
     return {json::parse(line, nullptr, false), false};
 }
 
@@ -96,11 +84,6 @@ std::string digestOf(Envelope& envelope, std::string_view line) {
     return sha256Hex(envelope.value.dump());
 }
 
-std::uint64_t sequenceMember(const json& envelope, std::string_view key) {
-    const json* member = findMember(envelope, key);
-    return member != nullptr && member->is_number_unsigned() ? member->get<std::uint64_t>() : 0;
-}
-
 }  // namespace
 
 std::string encodeJournalBatch(const std::string& sessionId, const std::vector<AgentEvent>& events) {
@@ -120,7 +103,7 @@ std::string encodeJournalBatch(const std::string& sessionId, const std::vector<A
     hash.update(kHashedEnd);
     line.append(kBeforeDigest).append(toHex(hash.finish())).append(kAfterDigest);
     if (line.size() > kMaxJournalBatchBytes) throw std::length_error("agent journal append batch exceeds 16 MiB");
-    if (nestsTooDeeply(line)) throw std::length_error("agent journal append batch is nested too deeply");
+    if (nestsDeeperThan(line, kMaxDepth)) throw std::length_error("agent journal append batch is nested too deeply");
     return line;
 }
 
@@ -131,8 +114,8 @@ std::vector<AgentEvent> decodeJournalBatch(std::string_view line, const std::str
     if (!isEnvelope(envelope.value, sessionId)) fail("agent journal contains an invalid batch envelope");
     const std::string expectedDigest = stringMember(envelope.value, "sha256");
     if (expectedDigest != digestOf(envelope, line)) fail("agent journal checksum mismatch");
-    const std::uint64_t first = sequenceMember(envelope.value, "firstSequence");
-    const std::uint64_t last = sequenceMember(envelope.value, "lastSequence");
+    const std::uint64_t first = nearestInteger<std::uint64_t>(envelope.value, "firstSequence");
+    const std::uint64_t last = nearestInteger<std::uint64_t>(envelope.value, "lastSequence");
     json& values = envelope.value["events"];
     if (first != expectedFirst || last < first || values.size() - 1 != last - first) {
         fail("agent journal batch sequence diverged");

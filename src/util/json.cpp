@@ -1,37 +1,35 @@
 #include "util/json.h"
 
-#include <algorithm>
 #include <memory>
 #include <stdexcept>
 
 namespace qm {
-namespace {
 
-/// Deepest nesting of brackets outside strings; right for every text that is JSON.
-int nestingDepth(std::string_view text) {
-    int depth = 0;
-    int deepest = 0;
+bool nestsDeeperThan(std::string_view text, std::size_t limit) {
+    std::size_t depth = 0;
     bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char character = text[i];
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const char character = text[at];
         if (inString) {
-            if (character == '\\') ++i;
-            if (character == '"') inString = false;
+            if (character == '\\') ++at;
+            inString = character != '"';
         } else if (character == '"') {
             inString = true;
-        } else if (character == '[' || character == '{') {
-            deepest = std::max(deepest, ++depth);
-        } else if (character == ']' || character == '}') {
+        } else if (character == '{' || character == '[') {
+            if (++depth > limit) return true;
+        } else if ((character == '}' || character == ']') && depth > 0) {
             --depth;
         }
     }
-    return deepest;
+    return false;
 }
 
-}  // namespace
-
 json parseJson(std::string_view text) {
-    if (nestingDepth(text) > kMaxJsonDepth) throw std::invalid_argument("JSON is nested too deeply");
+    if (nestsDeeperThan(text, kMaxJsonDepth)) throw std::invalid_argument("JSON is nested too deeply");
+    // The library takes a NUL for the end of the text, so whatever stood behind it would pass unseen.
+    if (const auto at = text.find('\0'); at != std::string_view::npos) {
+        throw json::parse_error::create(101, at + 1, "syntax error: a NUL byte is no part of a JSON text", nullptr);
+    }
     return json::parse(text);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -20,6 +21,9 @@ std::string dumpJsonPretty(const json& value);
 /// that nests deeper than kMaxJsonDepth: values are copied, dumped and destroyed by recursion, so depth costs stack.
 json parseJson(std::string_view text);
 inline constexpr int kMaxJsonDepth = 1000;
+
+/// True if brackets outside strings nest deeper than `limit` somewhere in `text`; right for every text that is JSON.
+bool nestsDeeperThan(std::string_view text, std::size_t limit);
 
 /// Member `key` of `object`, or null if `object` is no object or has no such member. Valid as long as `object` is.
 const json* findMember(const json& object, std::string_view key);

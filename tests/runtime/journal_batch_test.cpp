@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -258,6 +259,68 @@ TEST(JournalBatch, EveryCutOfALineIsRefused) {
     for (std::size_t length = 0; length < line.size(); ++length) {
         EXPECT_EQ(decodeFailure(line.substr(0, length)), kInvalid) << length;
     }
+}
+
+/// What must be said of a line of one batch that was changed in one place, told by its structure alone.
+std::string verdictOn(const std::string& changed) {
+    if (changed.find('\0') != std::string::npos) return kInvalid;
+    const json value = json::parse(changed, nullptr, false);
+    const bool isEnvelope = value.is_object() && value.value("v", json()) == 1 &&
+                            value.value("sessionId", json()) == "s1" && value.value("events", json()).is_array();
+    return isEnvelope ? kMismatch : kInvalid;
+}
+
+TEST(JournalBatch, EveryOtherValueOfEveryByteIsRefusedUnlessItSpellsTheSame) {
+    json envelope = makeEnvelope("s1", 4, 1);
+    envelope["events"][0]["payload"] = {{"large", 1e20}, {"escape", "\x1b"}};
+    const std::string line = sealed(envelope);
+    const auto respelled = [&line](const std::string& from, const std::string& to) {
+        const std::size_t at = line.find(from);
+        EXPECT_NE(at, std::string::npos) << from;
+        return std::string(line).replace(at, from.size(), to);
+    };
+    const std::set<std::string> spellTheSame{respelled("\\u001b", "\\u001B"), respelled("1e+20", "1E+20"),
+                                             respelled("1e+20", "1e020")};
+    std::set<std::string> taken;
+    for (std::size_t at = 0; at < line.size(); ++at) {
+        for (int value = 0; value < 256; ++value) {
+            std::string changed = line;
+            changed[at] = static_cast<char>(value);
+            if (changed[at] == line[at]) continue;
+            if (spellTheSame.contains(changed)) {
+                ASSERT_EQ(jsonOf(decodeJournalBatch(changed, "s1", 4)), envelope["events"]) << changed;
+                taken.insert(std::move(changed));
+                continue;
+            }
+            ASSERT_EQ(decodeFailure(changed), verdictOn(changed)) << at << " " << value;
+        }
+    }
+    EXPECT_EQ(taken, spellTheSame);
+}
+
+TEST(JournalBatch, ANulIsNoEndOfALine) {
+    const std::string line = sealed(validEnvelope());
+    const std::string nul(1, '\0');
+    for (const std::string& changed :
+         {line + nul, nul + line, line + nul + line, line + nul + "anything", line + " " + nul, nul}) {
+        EXPECT_EQ(decodeFailure(changed), kInvalid);
+    }
+}
+
+TEST(JournalBatch, AByteOrderMarkIsNoPartOfALine) {
+    EXPECT_EQ(decodeFailure("\xEF\xBB\xBF" + sealed(validEnvelope())), kInvalid);
+}
+
+TEST(JournalBatch, OfTwoMembersWithOneKeyTheLastCounts) {
+    const std::string line = sealed(validEnvelope());
+    const std::string doubled = R"({"v":7,"firstSequence":9,)" + line.substr(1);
+    EXPECT_EQ(jsonOf(decodeJournalBatch(doubled, "s1", 4)), validEnvelope()["events"]);
+}
+
+TEST(JournalBatch, AVersionMayBeSpelledAsAFractionIfTheDigestCoversIt) {
+    EXPECT_EQ(decodeJournalBatch(sealed(with(validEnvelope(), "v", 1.0)), "s1", 4).size(), 2U);
+    const std::string line = sealed(validEnvelope());
+    EXPECT_EQ(decodeFailure(line.substr(0, line.size() - 2) + "1.0}"), kMismatch);
 }
 
 TEST(JournalBatch, RandomBytesAreRefused) {

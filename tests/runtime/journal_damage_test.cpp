@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -137,6 +138,44 @@ TEST(JournalDamage, EveryFlippedBitOfACompleteLineIsFoundByAFreshStoreAndByOneTh
             ASSERT_EQ(known.read("s1", 0).size(), 3U);
         }
     }
+}
+
+/// Puts every other value in place of one byte of a file that `known` has read to sequence 3.
+void expectEveryValueIsFound(JsonlAgentEventStore& known, const std::filesystem::path& directory,
+                             const std::string& content, std::size_t at, const std::vector<int>& values) {
+    const Patch patch(known.fileOf("s1"));
+    for (const int value : values) {
+        std::string changed = content;
+        changed[at] = static_cast<char>(value);
+        if (changed[at] == content[at]) continue;
+        // The library takes a NUL as the end of its input; a reader must not.
+        const std::string expected =
+            value == 0 ? "agent journal contains an invalid batch envelope" : verdictOn(changed);
+        patch.put(at, changed[at]);
+        JsonlAgentEventStore fresh(directory);
+        ASSERT_EQ(failureOf<std::runtime_error>([&] { fresh.read("s1", 0); }), expected) << at << " " << value;
+        ASSERT_EQ(failureOf<std::runtime_error>([&] { known.read("s1", 3); }), expected) << at << " " << value;
+        ASSERT_EQ(failureOf<std::runtime_error>([&] { fresh.append("s1", 3, makeEvents("s1", 1)); }), expected)
+            << at << " " << value;
+    }
+    patch.put(at, content[at]);
+}
+
+TEST(JournalDamage, NoLineIsLostByAnotherByteInPlaceOfTheLineFeedBeforeItOrByANulAnywhere) {
+    const std::string first = sealed(makeEnvelope("s1", 1, 1)) + "\n";
+    const std::string content = first + sealed(makeEnvelope("s1", 2, 2)) + "\n";
+    const TemporaryDirectory directory;
+    JsonlAgentEventStore known(directory.path());
+    writeFile(known.fileOf("s1"), content);
+    ASSERT_EQ(known.read("s1", 0).size(), 3U);
+    std::vector<int> every(256);
+    std::iota(every.begin(), every.end(), 0);
+
+    expectEveryValueIsFound(known, directory.path(), content, first.size() - 1, every);
+    for (std::size_t at = 0; at + 1 < content.size(); ++at)
+        expectEveryValueIsFound(known, directory.path(), content, at, {0});
+
+    EXPECT_EQ(readFile(known.fileOf("s1")), content);
 }
 
 TEST(JournalDamage, ALineThatIsAcceptedTwiceDoesNotHideTheDamageBehindIt) {

@@ -40,6 +40,15 @@ TEST(ParseJson, ThrowsForWhatIsNoJson) {
     }
 }
 
+TEST(ParseJson, ThrowsForANulWhereverItStands) {
+    for (const std::string_view text :
+         {std::string_view("\0", 1), std::string_view("{}\0", 3), std::string_view("{}\0garbage", 10),
+          std::string_view("\0{}", 3), std::string_view("{\"a\":\"\0\"}", 9), std::string_view("[1,\0 2]", 7)}) {
+        EXPECT_THROW(parseJson(text), json::parse_error) << text;
+    }
+    EXPECT_EQ(parseJson(R"("\u0000")"), std::string(1, '\0')) << "an escaped one is a character like any other";
+}
+
 TEST(ParseJson, TakesNestingUpToTheLimit) {
     EXPECT_TRUE(parseJson(nested(kMaxJsonDepth)).is_array());
     EXPECT_THROW(parseJson(nested(kMaxJsonDepth + 1)), std::invalid_argument);
@@ -51,6 +60,14 @@ TEST(ParseJson, CountsNoBracketsInStrings) {
     EXPECT_EQ(parseJson("\"" + brackets + "\""), brackets);
     EXPECT_EQ(parseJson("\"\\\"" + brackets + "\""), "\"" + brackets);
     EXPECT_THROW(parseJson("[\"\\\\\"," + nested(kMaxJsonDepth) + "]"), std::invalid_argument);
+}
+
+TEST(NestsDeeperThan, CountsBracketsOutsideStrings) {
+    EXPECT_FALSE(nestsDeeperThan("7", 0));
+    EXPECT_FALSE(nestsDeeperThan(R"({"a":[1],"b":[2]})", 2));
+    EXPECT_TRUE(nestsDeeperThan(R"({"a":[1],"b":[2]})", 1));
+    EXPECT_FALSE(nestsDeeperThan(R"(["\"[[[",{"{{":0}])", 2));
+    EXPECT_FALSE(nestsDeeperThan("]]][", 1));
 }
 
 TEST(JsonMembers, AMemberIsFoundInAnObjectOnly) {
