@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
-#include "runtime/payload_text.h"
 #include "util/json.h"
+#include "util/text.h"
 
 namespace qm::runtime {
 namespace {

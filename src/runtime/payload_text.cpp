@@ -1,37 +1,13 @@
 #include "runtime/payload_text.h"
 
 #include <algorithm>
-#include <cstring>
+#include <string>
 
 #include "util/json.h"
 #include "util/utf8.h"
 
 namespace qm::runtime {
 namespace {
-
-/// Number of bytes at the front of `text` that are ASCII; may stop up to seven bytes early.
-std::size_t asciiPrefix(std::string_view text) {
-    std::size_t length = 0;
-    std::uint64_t word = 0;
-    while (text.size() - length >= sizeof(word)) {
-        std::memcpy(&word, text.data() + length, sizeof(word));
-        if ((word & 0x8080808080808080U) != 0) break;
-        length += sizeof(word);
-    }
-    return length;
-}
-
-bool isValidUtf8(std::string_view text) {
-    while (!text.empty()) {
-        text.remove_prefix(asciiPrefix(text));
-        if (text.empty()) return true;
-        char32_t codePoint = 0;
-        const std::size_t length = decodeCodePoint(text, codePoint);
-        if (length == 0) return false;
-        text.remove_prefix(length);
-    }
-    return true;
-}
 
 bool hasOnlyValidUtf8(const json& value) {
     if (value.is_string()) return isValidUtf8(value.get_ref<const std::string&>());
@@ -43,10 +19,6 @@ bool hasOnlyValidUtf8(const json& value) {
 }
 
 }  // namespace
-
-bool isBlank(std::string_view text) {
-    return text.find_first_not_of(" \t\n\v\f\r") == std::string_view::npos;
-}
 
 json withValidUtf8(json payload) {
     if (hasOnlyValidUtf8(payload)) return payload;

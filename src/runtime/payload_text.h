@@ -1,12 +1,8 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
-#include <string_view>
 
 namespace qm::runtime {
-
-/// True if `text` is empty or only whitespace.
-bool isBlank(std::string_view text);
 
 /// `payload` with U+FFFD in place of every byte of its strings that isn't UTF-8. What comes from a process or a server
 /// may be cut inside a character, and the journal takes strict UTF-8 only.

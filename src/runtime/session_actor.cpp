@@ -8,6 +8,7 @@
 #include "runtime/session_reducer.h"
 #include "util/json.h"
 #include "util/random_id.h"
+#include "util/text.h"
 
 namespace qm::runtime {
 

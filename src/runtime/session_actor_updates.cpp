@@ -1,10 +1,12 @@
 #include <stdexcept>
 #include <utility>
 
+#include "runtime/payload_integer.h"
 #include "runtime/payload_text.h"
 #include "runtime/session_actor.h"
 #include "runtime/update_admission.h"
 #include "util/json.h"
+#include "util/text.h"
 
 namespace qm::runtime {
 namespace {
@@ -29,11 +31,6 @@ bool isConsumption(const AgentEvent& event) {
            (boolMember(event.payload, "fromQueue", false) || boolMember(event.payload, "fromInterjection", false));
 }
 
-std::uint64_t sequenceMember(const json& payload, std::string_view key) {
-    const json* member = findMember(payload, key);
-    return member != nullptr && member->is_number_unsigned() ? member->get<std::uint64_t>() : 0;
-}
-
 /// Reads back what an operation consumed, fresh or repeated alike.
 std::optional<ConsumedInput> consumedInput(const CommandResult& result) {
     for (const AgentEvent& event : result.events) {
@@ -41,7 +38,7 @@ std::optional<ConsumedInput> consumedInput(const CommandResult& result) {
         return ConsumedInput{.content = stringMember(event.payload, "content"),
                              .mode = stringMember(event.payload, "mode", "queue"),
                              .sourceEventId = stringMember(event.payload, "sourceEventId"),
-                             .sourceSequence = sequenceMember(event.payload, "sourceSequence"),
+                             .sourceSequence = nearestInteger<std::uint64_t>(event.payload, "sourceSequence"),
                              .startsNewTurn = boolMember(event.payload, "startsNewTurn", false),
                              .result = result};
     }

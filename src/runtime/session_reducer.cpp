@@ -1,23 +1,17 @@
 #include "runtime/session_reducer.h"
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
-#include <limits>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "runtime/payload_integer.h"
 #include "util/json.h"
 
 namespace qm::runtime {
 namespace {
-
-std::int32_t int32Member(const json& object, std::string_view key) {
-    constexpr std::int64_t kLowest = std::numeric_limits<std::int32_t>::min();
-    constexpr std::int64_t kHighest = std::numeric_limits<std::int32_t>::max();
-    return static_cast<std::int32_t>(std::clamp(integerMember(object, key, 0), kLowest, kHighest));
-}
 
 void clearPendingIds(SessionSnapshot& snapshot) {
     snapshot.pendingUserRequestId.clear();
@@ -93,10 +87,10 @@ void taskQueued(SessionSnapshot& snapshot, const AgentEvent& event) {
     task.origin = stringMember(event.payload, "origin");
     task.workspace = stringMember(event.payload, "workspace");
     task.access = stringMember(event.payload, "access", "none");
-    task.depth = int32Member(event.payload, "depth");
-    task.maxRounds = int32Member(event.payload, "maxRounds");
-    task.timeoutMs = integerMember(event.payload, "timeoutMs", 0);
-    task.createdAtMs = integerMember(event.payload, "createdAtMs", event.timestampMs);
+    task.depth = nearestInteger<std::int32_t>(event.payload, "depth");
+    task.maxRounds = nearestInteger<std::int32_t>(event.payload, "maxRounds");
+    task.timeoutMs = nearestInteger<std::int64_t>(event.payload, "timeoutMs");
+    task.createdAtMs = nearestInteger<std::int64_t>(event.payload, "createdAtMs", event.timestampMs);
     std::string taskId = task.taskId;
     snapshot.childTasks.emplace(std::move(taskId), std::move(task));
 }
@@ -113,7 +107,7 @@ void taskStarted(SessionSnapshot& snapshot, const AgentEvent& event) {
         throw std::runtime_error("child task start replay diverged");
     }
     task->state = ChildTaskState::Running;
-    task->startedAtMs = integerMember(event.payload, "startedAtMs", event.timestampMs);
+    task->startedAtMs = nearestInteger<std::int64_t>(event.payload, "startedAtMs", event.timestampMs);
 }
 
 void taskCancellationRequested(SessionSnapshot& snapshot, const AgentEvent& event) {
@@ -133,8 +127,8 @@ void taskWaiting(SessionSnapshot& snapshot, const AgentEvent& event) {
     for (const json& taskId : arrayMember(event.payload, "taskIds")) {
         if (taskId.is_string()) join.taskIds.push_back(taskId.get<std::string>());
     }
-    join.minSucceeded = int32Member(event.payload, "minSucceeded");
-    join.timeoutMs = integerMember(event.payload, "timeoutMs", 0);
+    join.minSucceeded = nearestInteger<std::int32_t>(event.payload, "minSucceeded");
+    join.timeoutMs = nearestInteger<std::int64_t>(event.payload, "timeoutMs");
     snapshot.pendingTaskJoin = std::move(join);
 }
 
@@ -146,8 +140,8 @@ void taskCompleted(SessionSnapshot& snapshot, const AgentEvent& event) {
     const ChildTaskState state = parseChildTaskState(stringMember(event.payload, "state"));
     if (!isTerminal(state)) throw std::runtime_error("child task completed with a non-terminal state");
     task->state = state;
-    task->rounds = int32Member(event.payload, "rounds");
-    task->finishedAtMs = integerMember(event.payload, "finishedAtMs", event.timestampMs);
+    task->rounds = nearestInteger<std::int32_t>(event.payload, "rounds");
+    task->finishedAtMs = nearestInteger<std::int64_t>(event.payload, "finishedAtMs", event.timestampMs);
     task->completionSequence = event.sequence;
     task->result = stringMember(event.payload, "result");
     task->error = stringMember(event.payload, "error");

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
-#include "runtime/payload_text.h"
+#include "runtime/payload_integer.h"
 #include "util/json.h"
+#include "util/text.h"
 
 namespace qm::runtime {
 namespace {
@@ -82,7 +84,8 @@ std::string_view taskQueued(const Case& report, EventDrafts& drafts) {
     const json& payload = report.update.payload;
     const std::string taskId = report.text("taskId");
     if (!admitsChildTasks(report.snapshot.state) || taskId.empty() || report.snapshot.childTasks.contains(taskId) ||
-        isBlank(report.text("task")) || report.text("parentTaskId").empty() || integerMember(payload, "depth", 0) < 2) {
+        isBlank(report.text("task")) || report.text("parentTaskId").empty() ||
+        nearestInteger<std::int64_t>(payload, "depth") < 2) {
         return "invalid child task admission fact";
     }
     const json* member = findMember(payload, "access");
@@ -121,7 +124,7 @@ std::string_view whyJoinIsInvalid(const Case& report) {
         return taskId.is_string() && report.snapshot.childTasks.contains(taskId.get_ref<const std::string&>());
     };
     if (!std::all_of(taskIds.begin(), taskIds.end(), isKnown)) return "task wait references an unknown child task";
-    if (policy == "condition" && integerMember(payload, "minSucceeded", 0) < 1) {
+    if (policy == "condition" && nearestInteger<std::int64_t>(payload, "minSucceeded") < 1) {
         return "condition join requires minSucceeded greater than zero";
     }
     return kAccepted;
@@ -138,7 +141,11 @@ std::string_view taskWaiting(const Case& report, EventDrafts& drafts) {
 }
 
 bool isTerminalSpelling(std::string_view state) {
-    return state == "SUCCEEDED" || state == "FAILED" || state == "CANCELLED" || state == "LOST";
+    try {
+        return isTerminal(parseChildTaskState(state));
+    } catch (const std::invalid_argument&) {
+        return false;
+    }
 }
 
 std::string_view taskCompleted(const Case& report, EventDrafts& drafts) {

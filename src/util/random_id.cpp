@@ -2,26 +2,28 @@
 
 #include <array>
 #include <cstdio>
-#include <random>
 
 namespace qm {
 namespace {
 
-/// One generator a thread. It is seeded with many words of the random device: with a single 32-bit word, two
-/// short-lived threads would repeat each other's stream far too soon.
+/// One generator a thread.
 std::mt19937_64& generator() {
     thread_local std::mt19937_64 engine = [] {
         std::random_device device("default");
-        std::array<std::uint32_t, 16> words{};
-        for (auto& word : words)
-            word = device();
-        std::seed_seq seed(words.begin(), words.end());
-        return std::mt19937_64(seed);
+        return seededGenerator([&device] { return device(); });
     }();
     return engine;
 }
 
 }  // namespace
+
+std::mt19937_64 seededGenerator(const std::function<std::uint32_t()>& nextWord) {
+    std::array<std::uint32_t, 16> words{};
+    for (auto& word : words)
+        word = nextWord();
+    std::seed_seq seed(words.begin(), words.end());
+    return std::mt19937_64(seed);
+}
 
 std::string randomId(std::string_view prefix, std::size_t length) {
     static constexpr std::string_view kAlphabet = "0123456789abcdefghijklmnopqrstuvwxyz";

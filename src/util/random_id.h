@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -12,6 +14,10 @@ std::string randomId(std::string_view prefix, std::size_t length);
 
 /// A random version-4 UUID in lower case, "xxxxxxxx-xxxx-4xxx-yxxx-xxxxxxxxxxxx". Any thread.
 std::string randomUuid();
+
+/// A generator seeded with many words of `nextWord`: with a single 32-bit word, two short-lived threads would repeat
+/// each other's stream far too soon.
+std::mt19937_64 seededGenerator(const std::function<std::uint32_t()>& nextWord);
 
 /// 64 random bits of the calling thread's generator. Not for secrets.
 std::uint64_t randomBits();

@@ -17,6 +17,10 @@ std::string_view trimmed(std::string_view text, std::string_view characters) {
     return text.substr(first, text.find_last_not_of(characters) - first + 1);
 }
 
+bool isBlank(std::string_view text) {
+    return text.find_first_not_of(" \t\n\v\f\r") == std::string_view::npos;
+}
+
 std::string_view withoutTrailingSlashes(std::string_view text) {
     while (text.ends_with('/'))
         text.remove_suffix(1);

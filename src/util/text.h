@@ -11,6 +11,9 @@ inline constexpr std::string_view kFileWhitespace = " \t\r\n\f";
 /// `text` without the leading and trailing characters that are in `characters`.
 std::string_view trimmed(std::string_view text, std::string_view characters = kFileWhitespace);
 
+/// True if `text` is empty or holds nothing but whitespace, vertical tabs included.
+bool isBlank(std::string_view text);
+
 /// `text` without any trailing "/".
 std::string_view withoutTrailingSlashes(std::string_view text);
 

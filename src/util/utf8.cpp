@@ -87,6 +87,17 @@ std::string toStrictUtf8(std::string_view bytes) {
     });
 }
 
+bool isValidUtf8(std::string_view text) {
+    std::size_t position = 0;
+    while ((position = endOfAscii(text, position)) < text.size()) {
+        char32_t ignored = 0;
+        const std::size_t length = decodeCodePoint(text.substr(position), ignored);
+        if (length == 0) return false;
+        position += length;
+    }
+    return true;
+}
+
 std::string_view firstCodePoints(std::string_view text, std::size_t count) {
     return text.substr(0, endOfCodePoints(text, count));
 }

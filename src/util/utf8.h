@@ -15,6 +15,9 @@ std::string sanitizeUtf8(std::string_view bytes);
 /// The same by the strict rule of decodeCodePoint(): what comes out is UTF-8 to the letter.
 std::string toStrictUtf8(std::string_view bytes);
 
+/// True if toStrictUtf8() would change nothing.
+bool isValidUtf8(std::string_view text);
+
 /// The first `count` code points of `text`, or the last; a byte that is no UTF-8 counts as one.
 std::string_view firstCodePoints(std::string_view text, std::size_t count);
 std::string_view lastCodePoints(std::string_view text, std::size_t count);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <set>
 #include <string>
 #include <thread>
@@ -36,6 +37,17 @@ TEST(RandomId, ShortLivedThreadsDoNotRepeatEachOther) {
     for (auto& id : ids)
         std::jthread([&] { id = randomId("", 12); });
     EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), ids.size());
+}
+
+TEST(RandomId, AGeneratorIsSeededWithSixteenWordsEachOfWhichMatters) {
+    std::set<std::uint64_t> first;
+    for (int changed = -1; changed < 16; ++changed) {
+        int drawn = 0;
+        auto generator = seededGenerator([&] { return drawn++ == changed ? 1U : 0U; });
+        EXPECT_EQ(drawn, 16);
+        first.insert(generator());
+    }
+    EXPECT_EQ(first.size(), 17U);
 }
 
 TEST(RandomUuid, IsOfVersionFourAndOfTheStandardVariantInLowerCase) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string_view>
+
 namespace qm {
 namespace {
 
@@ -22,6 +24,14 @@ TEST(WithoutTrailingSlashes, LosesAllOfThemAtTheEndOnly) {
     EXPECT_EQ(withoutTrailingSlashes("a"), "a");
     EXPECT_EQ(withoutTrailingSlashes("///"), "");
     EXPECT_EQ(withoutTrailingSlashes(""), "");
+}
+
+TEST(IsBlank, HoldsForNothingAndForWhitespaceOnly) {
+    for (const char* const blank : {"", " ", " \t\r\n\v\f"})
+        EXPECT_TRUE(isBlank(blank));
+    for (const char* const text : {"a", " a ", "\xC2\xA0", "\x1f"})
+        EXPECT_FALSE(isBlank(text));
+    EXPECT_FALSE(isBlank(std::string_view("\0", 1)));
 }
 
 TEST(EqualsIgnoreCase, HoldsForAsciiLettersOnly) {

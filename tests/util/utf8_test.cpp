@@ -116,6 +116,23 @@ TEST(CodePoints, ComeBackFromTheirBytes) {
     }
 }
 
+TEST(IsValidUtf8, HoldsIfTheStrictReplacementChangesNothing) {
+    std::mt19937 engine(11);
+    int valid = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string text(engine() % 20, 'a');
+        appendCodePoint(text, engine() % 0x1000);
+        if (engine() % 2 == 0) text += randomBytes(engine, engine() % 4);
+        text += "behind";
+        ASSERT_EQ(isValidUtf8(text), toStrictUtf8(text) == text);
+        if (isValidUtf8(text)) ++valid;
+    }
+    EXPECT_GT(valid, 5000);
+    EXPECT_LT(valid, 15000);
+    EXPECT_TRUE(isValidUtf8(""));
+    EXPECT_FALSE(isValidUtf8("12345678\xED\xA0\x80"));
+}
+
 TEST(CodePoints, ASurrogateOrAValueAboveTheRangeIsWrittenAsTheReplacement) {
     for (const char32_t codePoint : {0xD800U, 0xDBFFU, 0xDC00U, 0xDFFFU, 0x110000U, 0xFFFFFFFFU}) {
         std::string text = "a";
