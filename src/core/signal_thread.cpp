@@ -5,11 +5,11 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <mutex>
 #include <system_error>
 
 #include "core/executor_core.h"
+#include "util/standard_streams.h"
 
 namespace qm {
 namespace {
@@ -38,7 +38,7 @@ void announceAndStop(int) {
     // signal() leaves the other of the two unblocked: it must not interrupt this handler once it holds a lock. What
     // comes meanwhile is taken when the handler returns, which puts the mask back.
     SignalThread::blockSignals();
-    std::printf("\nshutting down...");
+    printText("\nshutting down...");
     {
         const std::lock_guard lock(runningCoreMutex);
         if (runningCore != nullptr) runningCore->stop();
@@ -58,7 +58,12 @@ SignalThread::SignalThread(ExecutorCore& core) : end_(eventfd(0, EFD_CLOEXEC | E
     setRunningCore(&core);
     std::signal(SIGINT, announceAndStop);
     std::signal(SIGTERM, announceAndStop);
-    thread_ = std::thread([this] { serve(); });
+    try {
+        thread_ = std::thread([this] { serve(); });
+    } catch (...) {
+        forgetCore();
+        throw;
+    }
 }
 
 void SignalThread::forgetCore() {

@@ -30,6 +30,7 @@
 #include "device/worktree_service.h"
 #include "util/clock.h"
 #include "util/log.h"
+#include "util/standard_streams.h"
 #include "util/version.h"
 
 namespace qm {
@@ -105,12 +106,13 @@ void logStart(const std::filesystem::path& dataDirectory, const Settings& settin
 
 /// Ends the process around threads that are still at work: what they use must not be destroyed under them.
 [[noreturn]] void endWithoutTeardown() {
-    std::fflush(stdout);
     std::_Exit(kSuccess);
 }
 
 /// The run phase: builds the services, runs until a stop, and takes everything down in reverse order.
 int serve(const Settings& settings, const std::filesystem::path& dataDirectory) {
+    // From here on output goes around the buffer of stdio, and nothing may be left in it.
+    std::fflush(stdout);
     SignalThread::blockSignals();
     prepareProcessHost();
     logStart(dataDirectory, settings);
@@ -135,6 +137,7 @@ int serve(const Settings& settings, const std::filesystem::path& dataDirectory) 
     SignalThread signals(*core);
     core->run();
     signals.forgetCore();
+    worktrees.shutdown();
     core.reset();
     if (inFlight->count() > 0) endWithoutTeardown();
     return kSuccess;
@@ -143,8 +146,10 @@ int serve(const Settings& settings, const std::filesystem::path& dataDirectory) 
 }  // namespace
 
 int runProgram(const std::vector<std::string>& arguments) {
-    // A peer that goes away is an error value of a write, never the end of the process.
+    openMissingStandardStreams();
+    // A peer that goes away, or a file that may not grow, is an error value of a write, never the end of the process.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
 
     const auto parsed = parseCommandLine(arguments);
     if (const auto* end = std::get_if<CommandLineExit>(&parsed)) {

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <utility>
 
+#include "util/standard_streams.h"
 #include "util/utf8.h"
 
 namespace qm {
@@ -33,6 +35,12 @@ const char* levelName(LogLevel level) {
     return kNames[static_cast<std::size_t>(level)];
 }
 
+/// What could end a line early, or steer the terminal that shows it. Messages quote texts of the gateway.
+bool isControl(char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return byte < 0x20 || byte == 0x7F;
+}
+
 std::string timeOfDay() {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
@@ -46,12 +54,15 @@ std::string timeOfDay() {
 
 void log(LogLevel level, std::string_view message) noexcept {
     try {
-        std::array<char, kLineBuffer> line{};
-        const int length = static_cast<int>(std::min<std::size_t>(message.size(), kLineBuffer));
-        std::snprintf(line.data(), line.size(), "[%s] %-5s %.*s", timeOfDay().c_str(), levelName(level), length,
-                      message.data());
-        printLine(line.data());
-        std::string kept = toStrictUtf8(line.data());
+        // One byte more than a line has, for its line feed.
+        std::array<char, kLineBuffer + 1> line{};
+        std::string text(message.substr(0, kLineBuffer));
+        std::replace_if(text.begin(), text.end(), isControl, ' ');
+        std::snprintf(line.data(), kLineBuffer, "[%s] %-5s %s", timeOfDay().c_str(), levelName(level), text.c_str());
+        const std::size_t length = std::strlen(line.data());
+        std::string kept = toStrictUtf8({line.data(), length});
+        line[length] = '\n';
+        printText({line.data(), length + 1});
         const std::lock_guard lock(ring().mutex);
         ring().lines.push_back(std::move(kept));
         if (ring().lines.size() > kRingLines) ring().lines.pop_front();
@@ -66,15 +77,6 @@ std::vector<std::string> recentLogLines(std::size_t count) {
     const auto& lines = ring().lines;
     const std::size_t taken = std::min(count, lines.size());
     return {lines.end() - static_cast<std::ptrdiff_t>(taken), lines.end()};
-}
-
-void printLine(std::string_view line) noexcept {
-    // One lock over both writes, so that lines of several threads never mix.
-    flockfile(stdout);
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-    funlockfile(stdout);
 }
 
 }  // namespace qm

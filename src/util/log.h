@@ -8,15 +8,12 @@ namespace qm {
 
 enum class LogLevel { Debug, Info, Warn, Error };
 
-/// Writes "[HH:MM:SS] LEVEL message" to standard output, flushed, and keeps it in the ring of recent lines. A line
+/// Writes "[HH:MM:SS] LEVEL message" to standard output like printText(), and keeps it in the ring of recent lines,
+/// even if nobody reads the output. Each control character becomes a space, so a message is always one line. A line
 /// takes at most 1023 bytes; the rest is cut. Any thread, never throws.
 void log(LogLevel level, std::string_view message) noexcept;
 
 /// The newest lines of the log, at most `count` of at most 300, oldest first, each valid UTF-8. Any thread.
 std::vector<std::string> recentLogLines(std::size_t count);
-
-/// Writes `line` and a line feed to standard output, flushed at once; for lines that carry their own prefix and don't
-/// belong in the log. Any thread.
-void printLine(std::string_view line) noexcept;
 
 }  // namespace qm

@@ -24,6 +24,14 @@ ProcessSetup ExecutorHome::against(const GatewayPeer& gateway, std::vector<std::
     return setup(std::move(arguments));
 }
 
+ProcessSetup ExecutorHome::prepared(const std::string& preparation, ProcessSetup setup) {
+    std::vector<std::string> arguments{"-c", preparation + "\nexec \"$0\" \"$@\"", setup.program.string()};
+    arguments.insert(arguments.end(), setup.arguments.begin(), setup.arguments.end());
+    setup.program = "/bin/sh";
+    setup.arguments = std::move(arguments);
+    return setup;
+}
+
 FinishedRun ExecutorHome::run(std::vector<std::string> arguments) const {
     return runToEnd(setup(std::move(arguments)));
 }

@@ -13,8 +13,8 @@
 
 namespace qm::test {
 
-/// How long the program may take to end after a signal: 2 s, and another that a loaded machine may need to notice it.
-inline constexpr std::chrono::seconds kStopLimit{3};
+/// How long the program may take to end after a signal.
+inline constexpr std::chrono::milliseconds kStopLimit{QM_STOP_LIMIT_MS};
 
 /// The token that the tests' executors present.
 inline constexpr char kToken[] = "test-token-0123456789";
@@ -36,6 +36,9 @@ public:
     ProcessSetup setup(std::vector<std::string> arguments) const;
     /// The same with the gateway and the tests' token in front of `more`.
     ProcessSetup against(const GatewayPeer& gateway, std::vector<std::string> more = {}) const;
+
+    /// The same program, started by a shell that carries out `preparation` first: limits, redirections, traps.
+    static ProcessSetup prepared(const std::string& preparation, ProcessSetup setup);
 
     /// Runs the program with `arguments` until it ends.
     FinishedRun run(std::vector<std::string> arguments) const;

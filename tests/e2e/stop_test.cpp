@@ -1,14 +1,19 @@
 // SIGTERM and SIGINT in every state: the process ends soon, in good order, with status 0.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
 
 #include <csignal>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "e2e/executor_home.h"
 #include "e2e/slow_workspace.h"
 #include "support/tcp_peer.h"
+#include "util/unique_fd.h"
 
 namespace qm::test {
 namespace {
@@ -168,6 +173,56 @@ TEST(Stop, ASecondSignalIsHarmless) {
 
     EXPECT_EQ(executor.waitForExit(kStopLimit), ExitStatus{});
     executor.waitForOutput("shutting down...", 2);
+}
+
+TEST(Stop, WithAnOutputThatNobodyReads) {
+    const ExecutorHome home;
+    const auto pipe = home.home() / "output";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const UniqueFd reader(open(pipe.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_TRUE(reader);
+    ASSERT_GT(fcntl(reader.get(), F_SETPIPE_SZ, 4096), 0);
+    GatewayPeer gateway;
+    ExecutorProcess executor(ExecutorHome::prepared("exec >'" + pipe.string() + "'", home.against(gateway)));
+    gateway.waitForRegister();
+
+    // Each of them is worth a line in the log.
+    for (int i = 0; i < 500; ++i)
+        gateway.send({{"type", "unheardOf" + std::to_string(i)}});
+    gateway.request({{"type", "metricsRequest"}});
+    pollfd room{reader.get(), POLLOUT, 0};
+    EXPECT_EQ(poll(&room, 1, 0), 0) << "the pipe isn't full";
+
+    expectOrderlyStop(executor);
+}
+
+TEST(Stop, ASignalBeforeTheRunPhaseIsTakenWhenItBegins) {
+    const ExecutorHome home;
+    // The first thing that takes time after the signals are held back: an expired worktree, removed with a git that
+    // sends the signal to the one who started it.
+    writeFile(home.home() / "bin" / "git",
+              "#!/bin/sh\nkill -TERM $PPID\ntouch '" + (home.home() / "sent").string() + "'\nexit 1\n");
+    std::filesystem::permissions(home.home() / "bin" / "git", std::filesystem::perms::owner_all);
+    const auto tree = home.dataDirectory() / "worktrees" / "wt_stop0001";
+    std::filesystem::create_directories(tree);
+    home.writeDataFile("worktrees.json", nlohmann::json::array({{{"id", "wt_stop0001"},
+                                                                 {"workspaceId", "ws_stop0002"},
+                                                                 {"sourceWorkspace", "ws_stop0001"},
+                                                                 {"branch", "quillmarsh/wt_stop0001"},
+                                                                 {"owner", "test"},
+                                                                 {"path", tree.string()},
+                                                                 {"createdAtMs", 1},
+                                                                 {"expiresAtMs", 2}}})
+                                             .dump());
+    GatewayPeer gateway;
+    auto setup = home.against(gateway);
+    setup.environment["PATH"] = (home.home() / "bin").string() + ":/usr/bin:/bin";
+    ExecutorProcess executor(setup);
+
+    EXPECT_EQ(executor.waitForExit(), ExitStatus{}) << executor.output();
+
+    EXPECT_TRUE(std::filesystem::exists(home.home() / "sent"));
+    expectFarewell(executor);
 }
 
 TEST(Stop, AGatewayThatVanishesIsNoSignal) {

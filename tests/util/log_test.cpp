@@ -140,17 +140,26 @@ TEST(Log, LinesOfSeveralThreadsNeverMix) {
     EXPECT_THAT(recentLogLines(1000), SizeIs(300));
 }
 
-TEST(PrintLine, WritesTheLineAndKeepsItOutOfTheRing) {
-    const auto before = recentLogLines(300);
+TEST(Log, AControlCharacterBecomesASpaceSoThatAMessageIsOneLine) {
+    std::string message = "a\n[00:00:00] ERROR forged";
+    std::string shown = "a [00:00:00] ERROR forged";
+    for (int value = 0; value <= 0x80; ++value) {
+        message += static_cast<char>(value);
+        shown += value < 0x20 || value == 0x7F ? ' ' : static_cast<char>(value);
+    }
 
-    EXPECT_EQ(printedBy([] { printLine("[host] loaded \xE6\x96\x87"); }), "[host] loaded \xE6\x96\x87\n");
+    const std::string printed = printedBy([&] { log(LogLevel::Info, message + "end"); });
 
-    EXPECT_EQ(recentLogLines(300), before);
+    EXPECT_THAT(printed, EndsWith("] INFO  " + shown + "end\n"));
+    EXPECT_EQ(recentLogLines(1)[0] + "\n", toStrictUtf8(printed));
 }
 
-TEST(PrintLine, CutsNothing) {
-    const std::string line(100000, 'x');
-    EXPECT_EQ(printedBy([&] { printLine(line); }), line + "\n");
+TEST(Log, ANulAtTheCutIsNoEnd) {
+    const std::string message(2000, '\0');
+
+    const std::string printed = printedBy([&] { log(LogLevel::Info, message); });
+
+    EXPECT_THAT(printed, EndsWith("] INFO  " + std::string(kLongestLine - kPrefixLength, ' ') + "\n"));
 }
 
 }  // namespace
