@@ -7,6 +7,7 @@
 #include <random>
 #include <string>
 
+#include "support/file_size_limit.h"
 #include "support/ordinary_user.h"
 #include "support/temporary_directory.h"
 
@@ -135,6 +136,21 @@ TEST_F(CredentialStoreTest, AFullDiskIsAFailure) {
     EXPECT_FALSE(store_.store("token", &error));
 
     EXPECT_EQ(error, "unable to write " + file_.string());
+}
+
+TEST_F(CredentialStoreTest, AFullDiskLeavesTheOldToken) {
+    const std::string old = "the token that was there";
+    ASSERT_TRUE(store_.store(old));
+    // One that is longer, and one that is shorter and can't be written either.
+    for (const auto& [token, bytes] : {std::pair{std::string(1000, 't'), 100}, {std::string("token"), 4}}) {
+        std::string error;
+        const test::FileSizeLimit limit(static_cast<std::size_t>(bytes));
+
+        EXPECT_FALSE(store_.store(token, &error));
+
+        EXPECT_EQ(error, "unable to write " + file_.string());
+        EXPECT_EQ(store_.load(), old);
+    }
 }
 
 TEST_F(CredentialStoreTest, AFileThatCannotBeDeletedIsAFailure) {

@@ -140,6 +140,22 @@ TEST(Save, FailsIfThePropertiesCantBeWritten) {
     EXPECT_EQ(home.dataFile("executor-credential"), "c2VjcmV0LXRva2Vu") << "the credential is the new one already";
 }
 
+TEST(Save, AFullDiskLeavesWhatWasSaved) {
+    const ExecutorHome home;
+    home.run({"--gateway", "http://host:1", "--token", "secret-token", "--name", "box", "--save", "--status"});
+    const auto properties = home.dataFile("executor.properties");
+
+    // No file may be longer than 512 bytes.
+    const auto run = ExecutorHome::runToEnd(ExecutorHome::prepared(
+        "ulimit -f 1", home.setup({"--name", "other", "--description", std::string(1000, 'd'), "--save"})));
+
+    EXPECT_EQ(run.output, "failed to save settings: unable to write executor.properties\n");
+    EXPECT_EQ(run.status, (ExitStatus{.code = 1}));
+    EXPECT_EQ(home.dataFile("executor.properties"), properties);
+    EXPECT_EQ(statusValue(home, "name     "), "box");
+    EXPECT_EQ(statusValue(home, "token    "), "secr...oken");
+}
+
 TEST(Overlay, AnUnknownModeMeansLight) {
     const ExecutorHome home;
     EXPECT_EQ(statusValue(home, "mode     ", {"--mode", "fast"}), "LIGHT");

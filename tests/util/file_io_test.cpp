@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <string>
 
+#include "support/file_size_limit.h"
 #include "support/ordinary_user.h"
 #include "support/temporary_directory.h"
 #include "util/unique_fd.h"
@@ -165,6 +167,38 @@ TEST(WriteRegularFile, FailsForWhatMayNotBeWrittenAndLeavesIt) {
     EXPECT_FALSE(writeRegularFile(directory / "file", "new"));
 
     EXPECT_EQ(readFile(directory / "file"), "old");
+}
+
+TEST(WriteRegularFile, AFailureLeavesTheOldContentWhateverTheSizes) {
+    const TemporaryDirectory directory;
+    const auto file = directory / "file";
+    const std::string large(20000, 'l');
+    const std::string small(5000, 's');
+    for (const auto& [before, content] :
+         {std::pair{small, large}, {large, small}, {std::string(), small}, {small, small + "s"}}) {
+        writeFile(file, before);
+        // At most this many bytes fit: the end fails to be written, or an overwriting stops in the middle.
+        for (const std::size_t limit : {std::size_t{0}, content.size() / 2, content.size() - 1}) {
+            const test::FileSizeLimit noLonger(limit);
+
+            EXPECT_FALSE(writeRegularFile(file, content));
+
+            EXPECT_EQ(errno, EFBIG);
+            EXPECT_EQ(readFile(file), before) << before.size() << " to " << content.size() << ", limit " << limit;
+        }
+        const test::FileSizeLimit justEnough(content.size());
+        EXPECT_TRUE(writeRegularFile(file, content));
+        EXPECT_EQ(readFile(file), content);
+    }
+}
+
+TEST(WriteRegularFile, ANewFileThatCantBeWrittenStaysEmpty) {
+    const TemporaryDirectory directory;
+    const test::FileSizeLimit limit(3);
+
+    EXPECT_FALSE(writeRegularFile(directory / "file", "secret", 0600));
+
+    EXPECT_EQ(readFile(directory / "file"), "");
 }
 
 }  // namespace
