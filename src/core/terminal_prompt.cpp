@@ -11,8 +11,9 @@
 namespace qm {
 namespace {
 
-/// What the handler below puts back; only valid while an EchoOff lives.
+/// What the handlers below switch between; only valid while an EchoOff lives.
 termios savedMode;
+termios hiddenMode;
 
 /// Runs on a signal that ends the process: the terminal must not stay without echo.
 void restoreModeAndDie(int signalNumber) {
@@ -23,28 +24,40 @@ void restoreModeAndDie(int signalNumber) {
     raise(signalNumber);
 }
 
+/// Runs on a signal that stops the process: whoever uses the terminal meanwhile finds its echo on.
+void restoreModeWhileStopped(int signalNumber) {
+    const int savedErrno = errno;
+    tcsetattr(STDIN_FILENO, TCSANOW, &savedMode);
+    struct sigaction usual = {};
+    struct sigaction handled = {};
+    usual.sa_handler = SIG_DFL;
+    sigaction(signalNumber, &usual, &handled);
+    raise(signalNumber);
+    // Here the process has been continued.
+    sigaction(signalNumber, &handled, nullptr);
+    tcsetattr(STDIN_FILENO, TCSANOW, &hiddenMode);
+    errno = savedErrno;
+}
+
 /// Switches the terminal's echo off for its lifetime; does nothing where standard input is no terminal.
 class EchoOff {
 public:
     EchoOff() {
         if (isatty(STDIN_FILENO) == 0 || tcgetattr(STDIN_FILENO, &savedMode) != 0) return;
         active_ = true;
-        struct sigaction action = {};
-        action.sa_handler = restoreModeAndDie;
-        action.sa_flags = SA_NODEFER;
+        hiddenMode = savedMode;
+        hiddenMode.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         for (std::size_t i = 0; i < kSignals.size(); ++i)
-            sigaction(kSignals[i], &action, &previous_[i]);
-        termios mode = savedMode;
-        mode.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+            handle(kSignals[i].number, kSignals[i].handler, previous_[i]);
         // TCSADRAIN keeps what was typed ahead, where TCSAFLUSH would throw it away.
-        tcsetattr(STDIN_FILENO, TCSADRAIN, &mode);
+        tcsetattr(STDIN_FILENO, TCSADRAIN, &hiddenMode);
     }
 
     ~EchoOff() {
         if (!active_) return;
         tcsetattr(STDIN_FILENO, TCSADRAIN, &savedMode);
         for (std::size_t i = 0; i < kSignals.size(); ++i)
-            sigaction(kSignals[i], &previous_[i], nullptr);
+            sigaction(kSignals[i].number, &previous_[i], nullptr);
         // The user's own Enter wasn't echoed.
         std::fputc('\n', stdout);
         std::fflush(stdout);
@@ -54,7 +67,25 @@ public:
     EchoOff& operator=(const EchoOff&) = delete;
 
 private:
-    static constexpr std::array<int, 4> kSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    struct Handling {
+        int number;
+        void (*handler)(int);
+    };
+    static constexpr std::array<Handling, 5> kSignals{{{SIGINT, restoreModeAndDie},
+                                                       {SIGTERM, restoreModeAndDie},
+                                                       {SIGHUP, restoreModeAndDie},
+                                                       {SIGQUIT, restoreModeAndDie},
+                                                       {SIGTSTP, restoreModeWhileStopped}}};
+
+    /// A signal that the starter of the process had it ignore, as nohup does, stays ignored.
+    static void handle(int number, void (*handler)(int), struct sigaction& previous) {
+        sigaction(number, nullptr, &previous);
+        if (previous.sa_handler == SIG_IGN) return;
+        struct sigaction action = {};
+        action.sa_handler = handler;
+        action.sa_flags = SA_NODEFER;  // So that a handler can raise the signal itself.
+        sigaction(number, &action, nullptr);
+    }
 
     bool active_ = false;
     std::array<struct sigaction, kSignals.size()> previous_{};

@@ -202,6 +202,76 @@ TEST_F(SignIn, ASignalFromOutsideAtTheHiddenPromptPutsTheEchoBackToo) {
     EXPECT_TRUE(process.terminalEchoes());
 }
 
+TEST_F(SignIn, AnIgnoredSignalStaysIgnoredAtTheHiddenPrompt) {
+    acceptAll();
+    auto setup = ExecutorHome::prepared("trap '' INT", this->setup({"--email", "ada@example.test"}));
+    setup.input = ProcessSetup::Input::Terminal;
+    ExecutorProcess process(setup);
+    process.waitForOutput("密码: ");
+    ASSERT_TRUE(waitUntil([&] { return !process.terminalEchoes(); }));
+
+    process.sendSignal(SIGINT);
+    process.type("secret\n");
+
+    EXPECT_EQ(process.waitForExit(), ExitStatus{}) << process.output();
+    EXPECT_TRUE(process.terminalEchoes());
+}
+
+TEST_F(SignIn, StoppingTheHiddenPromptPutsTheEchoBackUntilItGoesOn) {
+    acceptAll();
+    // A shell with job control gives the program a process group that can be stopped, and the terminal.
+    auto setup = ExecutorHome::prepared("set -m\n\"$0\" \"$@\"\necho stopped; read -r word; fg; exit",
+                                        this->setup({"--email", "ada@example.test"}));
+    setup.input = ProcessSetup::Input::Terminal;
+    ExecutorProcess process(setup);
+    process.waitForOutput("密码: ");
+    ASSERT_TRUE(waitUntil([&] { return !process.terminalEchoes(); }));
+
+    process.type("\x1a");
+    process.waitForOutput("stopped\r\n");
+    EXPECT_TRUE(process.terminalEchoes());
+
+    process.type("go\n");
+    ASSERT_TRUE(waitUntil([&] { return !process.terminalEchoes(); })) << process.output();
+    process.type("secret\n");
+
+    EXPECT_EQ(process.waitForExit(), ExitStatus{}) << process.output();
+    EXPECT_TRUE(process.terminalEchoes());
+    EXPECT_THAT(process.output(), HasSubstr("登录成功: "));
+    EXPECT_THAT(process.output(), Not(HasSubstr("secret")));
+}
+
+TEST_F(SignIn, ASignalAtTheFirstPromptEndsTheProcessByIt) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        auto setup = this->setup();
+        setup.input = ProcessSetup::Input::Terminal;
+        ExecutorProcess process(setup);
+        process.waitForOutput("邮箱: ");
+
+        process.sendSignal(signal);
+
+        EXPECT_EQ(process.waitForExit(), (ExitStatus{.signal = signal}));
+        EXPECT_EQ(process.output(), "邮箱: ");
+    }
+}
+
+TEST_F(SignIn, ASignalWhileTheAccountServiceIsSilentEndsTheProcessByIt) {
+    server_.answer(kSignInPath, {.neverAnswer = true});
+    std::size_t requests = 0;
+    for (const int signal : {SIGINT, SIGTERM}) {
+        auto setup = this->setup();
+        setup.input = ProcessSetup::Input::Pipe;
+        ExecutorProcess process(setup);
+        process.type("ada@example.test\nsecret\n");
+        server_.waitForRequests(++requests);
+
+        process.sendSignal(signal);
+
+        EXPECT_EQ(process.waitForExit(), (ExitStatus{.signal = signal}));
+        EXPECT_EQ(process.output(), kPrompts);
+    }
+}
+
 TEST_F(SignIn, EmailAndPasswordMustNotBeEmpty) {
     for (const auto* input : {"", "\n\n", "ada@example.test\n\n", "\nsecret\n", "ada@example.test"}) {
         const auto run = runWithInput(setup(), input);
