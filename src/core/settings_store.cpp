@@ -1,13 +1,11 @@
 #include "core/settings_store.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <system_error>
 #include <utility>
 
+#include "device/system_probes.h"
 #include "util/file_io.h"
 #include "util/properties.h"
 #include "util/random_id.h"
@@ -22,7 +20,6 @@ constexpr char kInstanceIdFile[] = "instance-id";
 constexpr char kHeading[] = "# quillmarsh Executor local settings (credential stored separately)\n";
 /// Key under which old properties files kept the token.
 constexpr char kLegacyTokenKey[] = "executorToken";
-constexpr std::size_t kHostNameBuffer = 256;
 
 std::string environmentValue(const char* name) {
     const char* value = std::getenv(name);
@@ -32,13 +29,6 @@ std::string environmentValue(const char* name) {
 bool keepsItsPlaceInName(char character) {
     return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
            (character >= '0' && character <= '9') || character == '-' || character == '.' || character == '_';
-}
-
-std::string hostName() {
-    // A name that fills the buffer may lack its end.
-    std::array<char, kHostNameBuffer + 1> buffer{};
-    if (::gethostname(buffer.data(), kHostNameBuffer) != 0) return {};
-    return buffer.data();
 }
 
 /// Overwrites the fields that `properties` has a value for. An empty value counts as none.
@@ -95,7 +85,7 @@ Settings SettingsStore::load() const {
     const auto properties = readPropertiesFile(dataDirectory_ / kPropertiesFile);
     Settings settings;
     applyProperties(settings, properties);
-    if (settings.name.empty()) settings.name = deviceNameFromHostName(hostName());
+    if (settings.name.empty()) settings.name = deviceNameFromHostName(hostName().value_or(""));
     settings.executorToken = loadToken(properties);
     settings.nodeId = loadNodeId();
     return settings;

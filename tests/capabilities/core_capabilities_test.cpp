@@ -1,7 +1,11 @@
 #include "capabilities/core_capabilities.h"
 
+#include <sys/syscall.h>
+
+#include <cerrno>
 #include <cstdlib>
 
+#include "device/refused_system_calls.h"
 #include "device/system_probes.h"
 #include "support/pch.h"
 #include "util/clock.h"
@@ -122,6 +126,16 @@ TEST_F(CoreCapabilities, SystemInfoReportsTheDeviceAndTheProgram) {
     EXPECT_EQ(info.at("executor"), "quillmarsh-native");
     EXPECT_EQ(info.at("executorVersion"), "9.8.7-test");
     EXPECT_EQ(info.size(), 9U);
+}
+
+TEST_F(CoreCapabilities, SystemInfoWithoutAHostNameNamesADevice) {
+    test::withRefusedCalls({{SYS_uname, EPERM}}, [this] {
+        const json info = definition(0).handler(json::object());
+
+        EXPECT_FALSE(info.contains("hostname"));
+        EXPECT_EQ(info.at("device"), "device");
+        EXPECT_EQ(info.at("arch"), "unknown");
+    });
 }
 
 TEST_F(CoreCapabilities, DeviceTimeReportsNow) {

@@ -3,12 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
+#include "device/refused_system_calls.h"
+#include "support/file_size_limit.h"
 #include "support/ordinary_user.h"
 #include "support/temporary_directory.h"
 
@@ -284,6 +288,36 @@ TEST_F(SettingsStoreTest, PropertiesThatCannotBeWrittenFailAfterTheCredential) {
     EXPECT_EQ(store_.load().executorToken, "token-of-the-account");
 }
 
+TEST_F(SettingsStoreTest, AFullDiskLeavesTheOldProperties) {
+    Settings settings = unusualSettings();
+    ASSERT_TRUE(store_.save(settings));
+    const std::string before = readFile(properties_);
+    settings.description = std::string(2000, 'd');
+    std::string error;
+    {
+        const test::FileSizeLimit limit(1000);
+        EXPECT_FALSE(store_.save(settings, &error));
+    }
+
+    EXPECT_EQ(error, "unable to write executor.properties");
+    EXPECT_EQ(readFile(properties_), before);
+    EXPECT_EQ(store_.load().name, "Ünï box");
+}
+
+TEST_F(SettingsStoreTest, AFullDiskLeavesTheOldTokenAndTheOldProperties) {
+    Settings settings = unusualSettings();
+    ASSERT_TRUE(store_.save(settings));
+    settings.name = "other";
+    settings.executorToken = std::string(2000, 't');
+    {
+        const test::FileSizeLimit limit(1000);
+        EXPECT_FALSE(store_.save(settings));
+    }
+
+    EXPECT_EQ(store_.load().executorToken, "token-of-the-account");
+    EXPECT_EQ(store_.load().name, "Ünï box");
+}
+
 TEST_F(SettingsStoreTest, AFailureNeedsNobodyToHearOfIt) {
     std::filesystem::create_directory(properties_);
 
@@ -415,6 +449,10 @@ TEST_F(SettingsStoreTest, EveryCutOfTheFileLoads) {
         ASSERT_TRUE(settings.mode == "LIGHT" || settings.mode == "HEAVY") << size;
         ASSERT_EQ(settings.executorToken, "token-of-the-account");
     }
+}
+
+TEST_F(SettingsStoreTest, WithoutAHostNameTheNameIsAFixedWord) {
+    test::withRefusedCalls({{SYS_uname, EPERM}}, [&] { EXPECT_EQ(store_.load().name, "device"); });
 }
 
 TEST(DeviceName, KeepsLettersDigitsDashesDotsAndUnderscores) {

@@ -2,14 +2,17 @@
 
 #include <gtest/gtest.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <string>
 
+#include "device/refused_system_calls.h"
 #include "support/temporary_directory.h"
 #include "support/wait_until.h"
 
@@ -45,6 +48,14 @@ TEST(SystemProbes, TheHostNameIsThatOfTheKernel) {
     utsname names{};
     ASSERT_EQ(::uname(&names), 0);
     EXPECT_EQ(hostName(), names.nodename);
+}
+
+TEST(SystemProbes, AKernelThatDoesntSayItsNamesLeavesThemUnknown) {
+    test::withRefusedCalls({{SYS_uname, EPERM}}, [] {
+        EXPECT_EQ(architecture(), "unknown");
+        EXPECT_EQ(hostName(), std::nullopt);
+        EXPECT_EQ(osName(), "Linux");
+    });
 }
 
 TEST(SystemProbes, ThereIsAtLeastOneProcessor) {
