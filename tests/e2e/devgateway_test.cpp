@@ -23,7 +23,7 @@ protected:
     std::unique_ptr<ExecutorProcess> gateway_;
     std::unique_ptr<ExecutorProcess> executor_;
 
-    void start(std::vector<std::string> arguments, const std::string& input = {}) {
+    void startGateway(std::vector<std::string> arguments) {
         arguments.insert(arguments.end(), {"--port-file", portFile_.string(), "--token", kToken});
         ProcessSetup setup;
         setup.program = QM_DEVGATEWAY_BINARY;
@@ -32,11 +32,19 @@ protected:
         gateway_ = std::make_unique<ExecutorProcess>(setup);
         gateway_->waitForOutput("gateway at http://127.0.0.1:");
         ASSERT_TRUE(waitUntil([this] { return std::filesystem::exists(portFile_) && !readFile(portFile_).empty(); }));
+    }
+
+    void startExecutor(const std::string& token) {
         auto port = readFile(portFile_);
         port.pop_back();
-        auto executor = home_.setup({"--gateway", "http://127.0.0.1:" + port, "--token", kToken});
+        auto executor = home_.setup({"--gateway", "http://127.0.0.1:" + port, "--token", token});
         executor.environment["QM_SYNC_HANDOFF_MS"] = "500";
         executor_ = std::make_unique<ExecutorProcess>(executor);
+    }
+
+    void start(std::vector<std::string> arguments, const std::string& input = {}) {
+        startGateway(std::move(arguments));
+        startExecutor(kToken);
         gateway_->type(input);
         gateway_->closeInput();
     }
@@ -56,6 +64,43 @@ TEST_F(DevGateway, TheTourHoldsFromBeginningToEnd) {
     EXPECT_THAT(gateway_->output(), HasSubstr("[15/15]"));
     EXPECT_THAT(gateway_->output(), HasSubstr("The tour is over, and everything was as it should be."));
     EXPECT_EQ(readFile(workspace_ / "hello-from-the-gateway.txt"), "first line\nsecond line\nappended\n");
+}
+
+TEST_F(DevGateway, TheTourLeavesThePromptIfItIsToStay) {
+    start({"--tour", "--stay"}, "execute device_time\nquit\n");
+
+    EXPECT_EQ(gateway_->waitForExit(kTourLimit), ExitStatus{}) << gateway_->output() << gateway_->errorOutput();
+
+    const auto output = gateway_->output();
+    const auto afterTheTour = output.find("The tour is over, and everything was as it should be.");
+    ASSERT_NE(afterTheTour, std::string::npos);
+    EXPECT_THAT(output.substr(afterTheTour), HasSubstr("Type a command; help shows them all, quit ends."));
+    EXPECT_THAT(output.substr(afterTheTour), HasSubstr("  -> execute device_time \n"));
+    EXPECT_THAT(output.substr(afterTheTour), HasSubstr("\"utcTime\""));
+    EXPECT_EQ(gateway_->errorOutput(), "");
+}
+
+TEST_F(DevGateway, AnotherTokenIsRefused) {
+    startGateway({});
+
+    startExecutor("another-token");
+
+    gateway_->waitForOutput("  -- refused an executor: 401, the token isn't the expected one\n");
+    executor_->waitForOutput("WARN  gateway connection failed: ");
+    gateway_->type("quit\n");
+    EXPECT_EQ(gateway_->waitForExit(), ExitStatus{});
+}
+
+TEST_F(DevGateway, AHeartbeatIsShownAndARejectionEndsTheSession) {
+    EXPECT_EQ(runScript("wait register\n"
+                        "wait heartbeat\n"
+                        "reject no room\n"
+                        "wait end\n"),
+              ExitStatus{})
+        << gateway_->output() << gateway_->errorOutput();
+
+    EXPECT_THAT(gateway_->output(), HasSubstr("  <- heartbeat\n"));
+    executor_->waitForOutput("ERROR 网关拒绝注册（60s 后重试）: no room\n");
 }
 
 TEST_F(DevGateway, TheTourFailsWithoutAWorkspaceToWriteTo) {
