@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 #include <atomic>
+#include <cerrno>
 #include <latch>
 #include <memory>
 #include <stdexcept>
@@ -11,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "device/refused_system_calls.h"
 #include "support/wait_until.h"
 #include "util/log.h"
 
@@ -209,6 +212,24 @@ TEST(DetachedTasks, AThreadSurvivesTheExceptionOfItsTask) {
 
     EXPECT_TRUE(tasks.waitUntilIdle(kGenerousLimit));
     EXPECT_EQ(ran, 100);
+}
+
+TEST(DetachedTasks, ATaskForWhichThereIsNoThreadIsDestroyedAndLogged) {
+    DetachedTasks tasks;
+    auto held = std::make_shared<int>(0);
+    const std::weak_ptr<int> watched = held;
+    std::atomic<bool> ran = false;
+
+    test::withRefusedCalls({{SYS_clone, EAGAIN}, {SYS_clone3, EAGAIN}},
+                           [&] { tasks.run("execute", [&ran, taken = std::move(held)] { ran = true; }); });
+
+    EXPECT_FALSE(ran);
+    EXPECT_TRUE(watched.expired());
+    EXPECT_EQ(tasks.count(), 0U);
+    EXPECT_TRUE(tasks.waitUntilIdle(std::chrono::milliseconds(0)));
+    EXPECT_THAT(recentLogLines(1).at(0),
+                EndsWith("] ERROR 后台任务 execute 异常已拦截: Resource temporarily unavailable"));
+    EXPECT_NE(threadOf(tasks), std::this_thread::get_id()) << "the next task finds a thread again";
 }
 
 TEST(RunGuarded, LogsAnExceptionWithTheName) {
