@@ -2,12 +2,31 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
+#include <atomic>
+#include <ctime>
 #include <deque>
 #include <string>
 #include <vector>
 
+#include "support/tcp_peer.h"
+#include "support/wait_until.h"
 #include "util/json.h"
+
+namespace {
+
+/// The longest wait that poll() was asked for.
+std::atomic<int> longestWaitMs = 0;
+
+}  // namespace
+
+/// Stands before the one of the C library, so that a test needn't wait to know how long the program would.
+extern "C" int poll(pollfd* events, nfds_t count, int timeoutMs) {
+    if (timeoutMs > longestWaitMs) longestWaitMs = timeoutMs;
+    const timespec limit{timeoutMs / 1000, timeoutMs % 1000 * 1'000'000L};
+    return ::ppoll(events, count, timeoutMs < 0 ? nullptr : &limit, nullptr);
+}
 
 namespace qm {
 namespace {
@@ -251,6 +270,19 @@ TEST(AccountSignIn, ReachesTheSiteOverTheNetworkByDefault) {
     EXPECT_FALSE(result.ok);
     EXPECT_EQ(result.error.rfind("登录失败: ", 0), 0U) << result.error;
     EXPECT_EQ(result.error.find("HTTP"), std::string::npos) << result.error;
+}
+
+TEST(AccountSignIn, WaitsThirtySecondsForASilentSite) {
+    test::TcpPeer silentAtFirst([](test::PeerConnection& connection) {
+        EXPECT_TRUE(test::waitUntil([] { return longestWaitMs > 0; }));
+        connection.readUntil("{}");
+        connection.send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}");
+    });
+
+    const HttpResponse response = postForSignIn(silentAtFirst.url("http", "/path"), "{}", {});
+
+    EXPECT_EQ(response.status, 200) << response.error;
+    EXPECT_EQ(longestWaitMs, 30000);
 }
 
 TEST(AccountSignIn, RefusesWhatNeedsABrowserOrAForm) {
