@@ -1,24 +1,20 @@
 #include "net/socket.h"
 
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <system_error>
 #include <utility>
 
+#include "net/poll_wait.h"
+#include "net/tcp_connect.h"
 #include "net/tls.h"
-#include "util/clock.h"
 
 namespace qm {
 namespace {
-
-constexpr int kWaitForEver = -1;
 
 // Together these end a connection whose peer is gone within about 50 s: the probes when nothing is under way, the user
 // timeout when something is.
@@ -35,64 +31,6 @@ IoStep failedStep(int error) {
     return {IoStep::Kind::Failed, 0, systemText(error)};
 }
 
-/// Waits for `events` on `fd`, at most `timeoutMs` (kWaitForEver for no limit). 0 when something happened, the one
-/// thing a caller can do then being to try again; otherwise ETIMEDOUT, ECANCELED or what poll() failed with.
-int waitFor(int fd, short events, int timeoutMs, const CancelSignal* cancel) {
-    const auto end = steadyClockMs() + timeoutMs;
-    int left = timeoutMs;
-    while (true) {
-        pollfd entries[2] = {{fd, events, 0}, {cancel == nullptr ? -1 : cancel->fd(), POLLIN, 0}};
-        const int ready = ::poll(entries, 2, left);
-        if (ready < 0 && errno != EINTR) return errno;
-        if (ready > 0) return entries[1].revents != 0 ? ECANCELED : 0;
-        if (ready == 0) return ETIMEDOUT;
-        if (timeoutMs != kWaitForEver) left = static_cast<int>(std::max<std::int64_t>(0, end - steadyClockMs()));
-    }
-}
-
-struct AddressListFree {
-    void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
-};
-
-using AddressList = std::unique_ptr<addrinfo, AddressListFree>;
-
-/// 0 or an error number of getaddrinfo().
-int resolve(const std::string& host, int port, AddressList* list) {
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int failure = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
-    list->reset(found);
-    return failure;
-}
-
-/// A connected, non-blocking socket in `*connected`, or an error number.
-int connectTo(const addrinfo& address, int timeoutMs, const CancelSignal* cancel, UniqueFd* connected) {
-    UniqueFd fd(::socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address.ai_protocol));
-    if (!fd) return errno;
-    if (::connect(fd.get(), address.ai_addr, address.ai_addrlen) != 0) {
-        // An interrupted connect() goes on by itself, like one that was begun without waiting.
-        if (errno != EINPROGRESS && errno != EINTR) return errno;
-        if (const int failure = waitFor(fd.get(), POLLOUT, timeoutMs, cancel); failure != 0) return failure;
-        int outcome = 0;
-        socklen_t size = sizeof outcome;
-        if (::getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &outcome, &size) != 0) return errno;
-        if (outcome != 0) return outcome;
-    }
-    *connected = std::move(fd);
-    return 0;
-}
-
-int connectToFirst(const addrinfo* addresses, int timeoutMs, const CancelSignal* cancel, UniqueFd* connected) {
-    int failure = EADDRNOTAVAIL;
-    for (const addrinfo* address = addresses; address != nullptr; address = address->ai_next) {
-        if (cancel != nullptr && cancel->cancelled()) return ECANCELED;
-        failure = connectTo(*address, timeoutMs, cancel, connected);
-        if (failure == 0) break;
-    }
-    return failure;
-}
-
 template <typename Value>
 void setOption(int fd, int level, int option, Value value) {
     // A kernel that refuses one of these makes the connection slower to react, no less correct.
@@ -105,16 +43,8 @@ std::unique_ptr<Socket> Socket::connect(const std::string& host, int port, bool 
                                         std::shared_ptr<CancelSignal> cancel) {
     std::string ignored;
     if (error == nullptr) error = &ignored;
-    AddressList addresses;
-    if (const int failure = resolve(host, port, &addresses); failure != 0) {
-        *error = std::string("DNS 解析失败: ") + ::gai_strerror(failure);
-        return nullptr;
-    }
-    UniqueFd fd;
-    if (const int failure = connectToFirst(addresses.get(), timeoutMs, cancel.get(), &fd); failure != 0) {
-        *error = "TCP 连接失败: " + systemText(failure);
-        return nullptr;
-    }
+    UniqueFd fd = connectTcp(host, port, timeoutMs, cancel.get(), error);
+    if (!fd) return nullptr;
     setOption(fd.get(), IPPROTO_TCP, TCP_NODELAY, 1);
     std::unique_ptr<Socket> socket(new Socket(std::move(fd), timeoutMs, std::move(cancel)));
     if (tls && !socket->startTls(host, error)) return nullptr;
@@ -165,10 +95,10 @@ IoStep Socket::writeStep(std::string_view bytes) {
     return failedStep(errno);
 }
 
-/// Waits for what `step` asks for; 0 or an error number, as waitFor().
+/// Waits for what `step` asks for; 0 or an error number, as waitForEvents().
 int Socket::waitAfter(const IoStep& step, int timeoutMs) const {
     const short events = step.kind == IoStep::Kind::WaitRead ? POLLIN : POLLOUT;
-    return waitFor(fd_.get(), events, timeoutMs, cancel_.get());
+    return waitForEvents(fd_.get(), events, timeoutMs, cancel_.get());
 }
 
 bool Socket::failedToSend() {
