@@ -1,9 +1,7 @@
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 

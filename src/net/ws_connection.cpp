@@ -3,8 +3,8 @@
 #include <openssl/sha.h>
 
 #include <chrono>
-#include <cstring>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "net/http_response.h"
@@ -188,9 +188,13 @@ bool WsConnection::fill() {
 
 void WsConnection::close() {
     if (closed_.exchange(true)) return;
-    if (const std::unique_lock lock(sendMutex_, kCloseWait); lock.owns_lock()) {
-        const auto frame = encodeWsFrame(WsOpcode::Close, {}, static_cast<std::uint32_t>(random_()));
-        socket_->sendWithoutWaiting(frame.view());
+    try {
+        if (const std::unique_lock lock(sendMutex_, kCloseWait); lock.owns_lock()) {
+            const auto frame = encodeWsFrame(WsOpcode::Close, {}, static_cast<std::uint32_t>(random_()));
+            socket_->sendWithoutWaiting(frame.view());
+        }
+    } catch (const std::bad_alloc&) {
+        // No memory for the frame: the connection ends without one.
     }
     socket_->shutdownBoth();
 }

@@ -1,6 +1,8 @@
 #include "net/tls.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
@@ -102,6 +104,37 @@ TEST(TlsStream, AHostThatTheCertificateDoesNotNameIsRejectedInWords) {
 
     EXPECT_EQ(step.kind, IoStep::Kind::Failed);
     EXPECT_EQ(step.reason, "error:0A000086:SSL routines::certificate verify failed");
+}
+
+TEST(TlsStream, AnErrorThatAnotherLibraryCallLeftBehindIsNoneOfItsOwn) {
+    const auto identity = trustedAuthority().issue({"localhost"});
+    std::string error;
+    const auto context = sharedTlsContext(&error);
+    SocketPair pair;
+    const int fd = pair.client.get();
+    const auto stream = TlsStream::create(context, fd, "localhost");
+    PeerConnection server(std::move(pair.server));
+    std::string received;
+    std::jthread serving([&] {
+        server.startTls(identity);
+        received = server.readToEnd();
+    });
+    ERR_raise(ERR_LIB_USER, 1);
+    EXPECT_EQ(stream->handshake().kind, IoStep::Kind::Done);
+    EXPECT_EQ(::fcntl(fd, F_SETFL, O_NONBLOCK), 0);
+    char buffer[16];
+    // Takes in what the server sent along with the handshake.
+    while (stream->read(buffer, sizeof buffer).kind == IoStep::Kind::Done) {
+    }
+
+    ERR_raise(ERR_LIB_USER, 1);
+    EXPECT_EQ(stream->read(buffer, sizeof buffer).kind, IoStep::Kind::WaitRead);
+    ERR_raise(ERR_LIB_USER, 1);
+    EXPECT_EQ(stream->write("x").kind, IoStep::Kind::Done);
+
+    ::shutdown(fd, SHUT_WR);
+    serving.join();
+    EXPECT_EQ(received, "x");
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 #include "net/ws_connection.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <future>
 #include <string>
@@ -92,6 +95,25 @@ TEST_P(TextSize, GoesBothWays) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Limits, TextSize, testing::Values(0, 125, 126, 65535, 65536, 16 << 20));
+
+TEST(WsConnection, FindsASilentGateway) {
+    TcpPeer peer([](PeerConnection& connection) {
+        acceptWebSocket(connection);
+        connection.hold();
+    });
+    const auto connection = connectTo(peer);
+    const int fd = descriptorConnectedTo(peer.port());
+    ASSERT_GE(fd, 0);
+    const auto option = [fd](int level, int name) {
+        int value = 0;
+        socklen_t size = sizeof value;
+        EXPECT_EQ(::getsockopt(fd, level, name, &value, &size), 0);
+        return value;
+    };
+
+    EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_GT(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 0);
+}
 
 TEST(WsConnection, EachFrameHasAMaskOfItsOwn) {
     std::promise<std::vector<std::string>> masks;
