@@ -6,8 +6,8 @@
 #include <limits>
 #include <utility>
 
+#include "capabilities/capability_arguments.h"
 #include "capabilities/capability_registry.h"
-#include "device/capability_arguments.h"
 #include "device/terminal_request.h"
 #include "device/terminal_service.h"
 #include "runtime/tool_invocation.h"
@@ -18,18 +18,6 @@ namespace qm {
 namespace {
 
 using runtime::ToolInvocation;
-
-constexpr std::int64_t kDefaultHandoffMs = 20'000;
-constexpr std::int64_t kDefaultWaitMs = 60'000;
-constexpr std::int64_t kMinWaitMs = 100;
-constexpr std::int64_t kMaxWaitMs = 600'000;
-
-/// How long `run_command` waits before it hands the command back as a background command.
-std::int64_t handoffMs() {
-    const char* text = std::getenv("QM_SYNC_HANDOFF_MS");
-    const std::int64_t value = text == nullptr ? 0 : std::strtoll(text, nullptr, 10);
-    return value < 1 ? kDefaultHandoffMs : value;
-}
 
 void addError(json& result, const char* text, const char* code) {
     result["error"] = text;
@@ -44,10 +32,6 @@ json failure(const char* text, const char* code) {
 
 void addCancellation(json& result) {
     addError(result, "task cancellation terminated the process tree", "TASK_CANCELLED");
-}
-
-bool hasEnded(const json& snapshot) {
-    return snapshot.value("state", "") != "RUNNING";
 }
 
 /// Narrows the time limit to what the invocation has left; false if nothing is left.
@@ -69,20 +53,20 @@ json runAndHandOff(TerminalService& terminal, TerminalRequest request, const Too
     const SandboxMode mode = request.options.sandbox.mode;
     const std::string id = terminal.start(std::move(request.options), std::move(request.workspace),
                                           std::move(request.command), invocation.taskId);
-    terminal.waitFor(id, handoffMs(), invocation.stopToken, invocation.taskId);
+    terminal.waitFor(id, handOffMs(std::getenv("QM_SYNC_HANDOFF_MS")), invocation.stopToken, invocation.taskId);
     const bool cancelled = invocation.stopToken.stop_requested();
     // Raised after the wait gave up, the token has killed nothing yet.
     if (cancelled) terminal.kill(id, invocation.taskId);
 
-    json result = terminal.snapshot(id, 0, invocation.taskId);
-    const bool ended = hasEnded(result);
+    CommandSnapshot command = terminal.snapshot(id, 0, invocation.taskId);
+    json result = std::move(command.record);
     result["sandbox"] = sandboxModeText(mode);
-    if (ended && mode != SandboxMode::OFF && result["exitCode"] == 126) {
+    if (!command.running && mode != SandboxMode::OFF && result["exitCode"] == 126) {
         addError(result, "沙箱未能施加，命令没有执行（不是命令本身失败）", "SANDBOX_UNAVAILABLE");
     }
     if (cancelled) {
         addCancellation(result);
-    } else if (!ended) {
+    } else if (command.running) {
         result["note"] =
             "Still running and handed back as a background command. It has already started - do NOT run it again. Read "
             "its output with command_output, or wait_command, or stop it with kill_command.";
@@ -108,28 +92,29 @@ json runCommand(const WorkspaceRegistry& workspaces, TerminalService& terminal, 
 }
 
 json commandOutput(TerminalService& terminal, const ToolInvocation& invocation) {
-    return terminal.snapshot(textArgument(invocation.arguments, "commandId"),
-                             integerArgument(invocation.arguments, "offsetBytes", 0), invocation.taskId);
+    return terminal
+        .snapshot(textArgument(invocation.arguments, "commandId"),
+                  integerArgument(invocation.arguments, "offsetBytes", 0), invocation.taskId)
+        .record;
 }
 
 json waitCommand(TerminalService& terminal, const ToolInvocation& invocation) {
     const std::string& id = textArgument(invocation.arguments, "commandId");
-    const std::int64_t limit =
-        std::clamp(integerArgument(invocation.arguments, "timeoutMs", kDefaultWaitMs), kMinWaitMs, kMaxWaitMs);
-    const bool finished = terminal.waitFor(id, limit, invocation.stopToken, invocation.taskId);
+    terminal.waitFor(id, waitLimitMs(invocation.arguments), invocation.stopToken, invocation.taskId);
     const bool cancelled = invocation.stopToken.stop_requested();
     if (cancelled) terminal.kill(id, invocation.taskId);
 
-    json result = terminal.snapshot(id, 0, invocation.taskId);
+    CommandSnapshot command = terminal.snapshot(id, 0, invocation.taskId);
+    json result = std::move(command.record);
     // A command that ended after the wait gave up is told as what the same result shows it to be.
-    if (!result.contains("error")) result["finished"] = finished || hasEnded(result);
+    if (command.known) result["finished"] = !command.running;
     if (cancelled) addCancellation(result);
     return result;
 }
 
 json killCommand(TerminalService& terminal, const ToolInvocation& invocation) {
     const std::string& id = textArgument(invocation.arguments, "commandId");
-    if (!terminal.kill(id, invocation.taskId)) return terminal.snapshot(id, 0, invocation.taskId);
+    if (!terminal.kill(id, invocation.taskId)) return terminal.snapshot(id, 0, invocation.taskId).record;
     return {{"commandId", id}, {"ok", true}};
 }
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "device/capability_arguments.h"
+#include "capabilities/capability_arguments.h"
 #include "device/workspace_registry.h"
 #include "util/json.h"
 #include "util/text.h"
@@ -21,6 +21,10 @@ using Environment = std::map<std::string, std::string>;
 constexpr std::int64_t kDefaultTimeoutMs = 120'000;
 constexpr std::int64_t kMinTimeoutMs = 1'000;
 constexpr std::int64_t kMaxTimeoutMs = 600'000;
+constexpr std::int64_t kDefaultHandOffMs = 20'000;
+constexpr std::int64_t kDefaultWaitMs = 60'000;
+constexpr std::int64_t kMinWaitMs = 100;
+constexpr std::int64_t kMaxWaitMs = 600'000;
 constexpr std::string_view kSurroundingSpace = " \t\r\n";
 
 /// All that a shell needs of the executor's environment; nothing else of it reaches an agent.
@@ -62,6 +66,15 @@ TerminalRequest refusal(std::string error) {
 }
 
 }  // namespace
+
+std::int64_t handOffMs(const char* setting) {
+    const std::int64_t value = setting == nullptr ? 0 : std::strtoll(setting, nullptr, 10);
+    return value < 1 ? kDefaultHandOffMs : value;
+}
+
+std::int64_t waitLimitMs(const json& arguments) {
+    return std::clamp(integerArgument(arguments, "timeoutMs", kDefaultWaitMs), kMinWaitMs, kMaxWaitMs);
+}
 
 TerminalRequest prepareTerminalRequest(const json& arguments, const WorkspaceRegistry& workspaces,
                                        const std::function<SandboxProbe()>& probe) {

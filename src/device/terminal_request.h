@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -18,6 +19,14 @@ struct TerminalRequest {
     std::string workspace;  ///< Handle.
     std::string command;    ///< As people are shown it.
 };
+
+/// How long `run_command` waits before it hands the command back as a background command, in milliseconds. `setting` is
+/// the decimal number that the environment gives; null, and one below 1, stand for the default.
+std::int64_t handOffMs(const char* setting);
+
+/// How long `wait_command` waits at most, in milliseconds. Throws the JSON library's type error for an argument of a
+/// wrong type.
+std::int64_t waitLimitMs(const json& arguments);
 
 /// Checks `arguments` against the workspaces and builds the process from them. The environment is built fresh: a few
 /// harmless variables of the executor's own, then the caller's, none of which may be named like a credential. Throws

@@ -29,8 +29,25 @@ const char* endState(const ProcessResult& result) {
     return result.timedOut ? "TIMEOUT" : "EXITED";
 }
 
-json unknownCommand(std::string_view id) {
-    return {{"error", "未知的 commandId：" + std::string(id)}};
+CommandSnapshot unknownCommand(std::string_view id) {
+    CommandSnapshot unknown;
+    unknown.record = {{"error", "未知的 commandId：" + std::string(id)}};
+    return unknown;
+}
+
+/// The exception that is being handled, in words; empty if there is no memory even for these.
+std::string currentFailure() noexcept {
+    try {
+        try {
+            throw;
+        } catch (const std::exception& failure) {
+            return std::string("process host failure: ") + failure.what();
+        } catch (...) {
+            return "unknown process host failure";
+        }
+    } catch (...) {
+        return {};
+    }
 }
 
 std::chrono::steady_clock::time_point deadlineAfter(std::int64_t timeoutMs) {
@@ -115,7 +132,7 @@ std::string TerminalService::start(ProcessOptions options, std::string workspace
     }
     try {
         std::thread(&TerminalService::runToEnd, state_, record, std::move(options)).detach();
-    } catch (const std::system_error&) {
+    } catch (...) {
         const std::lock_guard lock(state_->mutex);
         state_->commands.erase(record->id);
         if (--state_->activeCount == 0) state_->idle.notify_all();
@@ -129,10 +146,9 @@ void TerminalService::runToEnd(const std::shared_ptr<State>& state, const std::s
     ProcessResult result;
     try {
         result = state->runner(options, command->control);
-    } catch (const std::exception& failure) {
-        result.error = std::string("process host failure: ") + failure.what();
     } catch (...) {
-        result.error = "unknown process host failure";
+        result = ProcessResult();
+        result.error = currentFailure();
     }
     {
         const std::lock_guard lock(state->mutex);
@@ -177,14 +193,18 @@ void TerminalService::killByTask(std::string_view taskId) {
     state_->killRunning([taskId](const Command& command) { return command.ownerTaskId == taskId; });
 }
 
-json TerminalService::snapshot(std::string_view id, std::int64_t offsetBytes, std::string_view ownerTaskId) const {
+CommandSnapshot TerminalService::snapshot(std::string_view id, std::int64_t offsetBytes,
+                                          std::string_view ownerTaskId) const {
     const std::lock_guard lock(state_->mutex);
     const auto command = state_->find(id, ownerTaskId);
     if (!command) return unknownCommand(id);
 
     const ProcessResult& result = command->result;
     const auto offset = static_cast<std::uint64_t>(std::max<std::int64_t>(offsetBytes, 0));
-    json record = {
+    CommandSnapshot snapshot;
+    snapshot.known = true;
+    snapshot.running = command->running();
+    snapshot.record = {
         {"commandId", command->id},
         {"command", command->command},
         {"state", command->state},
@@ -196,8 +216,8 @@ json TerminalService::snapshot(std::string_view id, std::int64_t offsetBytes, st
         {"executedAs", result.executedAs},
         {"nextOffsetBytes", result.stdoutText.size()},
     };
-    if (!result.error.empty()) record["error"] = result.error;
-    return record;
+    if (!result.error.empty()) snapshot.record["error"] = result.error;
+    return snapshot;
 }
 
 json TerminalService::list() const {

@@ -8,9 +8,16 @@
 #include <string_view>
 
 #include "device/run_process.h"
-#include "util/json_fwd.h"
+#include "util/json.h"
 
 namespace qm {
+
+/// A command at one moment.
+struct CommandSnapshot {
+    bool known = false;  ///< There is such a command for this owner.
+    bool running = false;
+    json record;  ///< What is told of it; of one that isn't known, an object with `error`.
+};
 
 /// Runs agents' commands, each in the background from its first moment on a thread of its own, and keeps what became of
 /// them for the life of the process. Any thread may call anything; no lock is held while a process runs or is killed.
@@ -28,7 +35,8 @@ public:
     TerminalService& operator=(const TerminalService&) = delete;
 
     /// Starts `options` and returns the new id, "cmd_" and 10 characters. `command` is what people are shown. Throws
-    /// std::runtime_error after shutdown() and std::system_error if there is no thread; then nothing was started.
+    /// std::runtime_error after shutdown(), std::system_error if there is no thread and std::bad_alloc; then nothing
+    /// was started.
     std::string start(ProcessOptions options, std::string workspace, std::string command, std::string ownerTaskId);
 
     /// Waits until the command has ended, at most `timeoutMs`. True once it runs no longer or can't be seen by this
@@ -42,9 +50,9 @@ public:
     /// Kills every running command of the task; an empty id has none.
     void killByTask(std::string_view taskId);
 
-    /// The command as JSON with its standard output from `offsetBytes` on (a negative one counts as 0), or an object
-    /// with `error`. Output is there only once the command has ended.
-    json snapshot(std::string_view id, std::int64_t offsetBytes, std::string_view ownerTaskId) const;
+    /// The command with its standard output from `offsetBytes` on (a negative one counts as 0). Output is there only
+    /// once the command has ended. The record of a command that failed to start holds an `error`, too.
+    CommandSnapshot snapshot(std::string_view id, std::int64_t offsetBytes, std::string_view ownerTaskId) const;
 
     /// All commands, ended ones too: `commandId`, `command`, `state`, `ownerTaskId`, `startedAtMs`.
     json list() const;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -37,6 +38,8 @@ using test::writeFile;
 /// The four capabilities behind the real pipeline, on one workspace.
 class TerminalCapabilities : public ::testing::Test {
 protected:
+    explicit TerminalCapabilities(TerminalService::Runner runner = runProcess) : terminal(std::move(runner)) {}
+
     void SetUp() override {
         std::filesystem::create_directory(root);
         const auto added = workspaces.add(root.native(), "Label", WorkspacePermission::EXECUTE);
@@ -198,14 +201,32 @@ TEST_F(TerminalCapabilities, ACommandThatTakesLongIsHandedBackWithTheWordsNotToR
     EXPECT_EQ(later["nextOffsetBytes"], 0);
 }
 
-TEST_F(TerminalCapabilities, AHandOffTimeThatIsNoPositiveNumberIsTheDefault) {
-    for (const char* value : {"abc", "-1", "0", ""}) {
-        ::setenv("QM_SYNC_HANDOFF_MS", value, 1);
+TEST(HandOff, ComesAfterTheTimeThatIsSetOrElseAfterTheDefault) {
+    EXPECT_EQ(handOffMs(nullptr), 20'000);
+    for (const char* value : {"", "abc", "-1", "0", "-99999999999999999999999"})
+        EXPECT_EQ(handOffMs(value), 20'000) << value;
+    EXPECT_EQ(handOffMs("1"), 1);
+    EXPECT_EQ(handOffMs("20001"), 20'001);
+    EXPECT_EQ(handOffMs("99999999999999999999999"), INT64_MAX);
+}
 
-        EXPECT_EQ(run({{"command", "sleep 0.3; echo done"}})["stdout"], "done\n") << value;
-    }
+TEST_F(TerminalCapabilities, AHandOffTimeWithoutEndIsTakenAsItIs) {
     ::setenv("QM_SYNC_HANDOFF_MS", "99999999999999999999999", 1);
+
     EXPECT_EQ(run({{"command", "sleep 0.3; echo done"}})["stdout"], "done\n");
+}
+
+TEST(WaitLimit, IsClampedAndAMinuteIfNoneIsGiven) {
+    const auto limitOf = [](const json& value) { return waitLimitMs({{"timeoutMs", value}}); };
+
+    EXPECT_EQ(waitLimitMs(json::object()), 60'000);
+    EXPECT_EQ(limitOf(99), 100);
+    EXPECT_EQ(limitOf(100), 100);
+    EXPECT_EQ(limitOf(101), 101);
+    EXPECT_EQ(limitOf(600'000), 600'000);
+    EXPECT_EQ(limitOf(600'001), 600'000);
+    EXPECT_EQ(limitOf(UINT64_MAX), 600'000);
+    EXPECT_EQ(limitOf(INT64_MIN), 100);
 }
 
 TEST_F(TerminalCapabilities, ABackgroundCommandIsAnsweredAtOnce) {
@@ -227,6 +248,16 @@ TEST_F(TerminalCapabilities, WaitingTellsWhetherTheCommandFinished) {
     EXPECT_EQ(finished["stdout"], "done\n");
     EXPECT_EQ(unfinished["finished"], false);
     EXPECT_EQ(unfinished["state"], "RUNNING");
+}
+
+TEST_F(TerminalCapabilities, WaitingTellsThatACommandFinishedWhichCouldNotBeStarted) {
+    withRefusedCalls({{SYS_pipe2, EMFILE}}, [this] {
+        const json result = waitFor(startInBackground("true"));
+
+        EXPECT_EQ(result["state"], "FAILED");
+        EXPECT_EQ(result["error"], "无法创建管道");
+        EXPECT_EQ(result["finished"], true);
+    });
 }
 
 TEST_F(TerminalCapabilities, WaitingTakesAtLeastATenthOfASecondForACommandThatRuns) {
@@ -388,6 +419,67 @@ TEST_F(TerminalCapabilities, ATaskCancelledWhileItWaitsTakesTheCommandDown) {
     EXPECT_EQ(result["finished"], true);
     EXPECT_EQ(result["error"], "task cancellation terminated the process tree");
     EXPECT_EQ(result["errorCode"], "TASK_CANCELLED");
+}
+
+struct EndOfCommands {
+    std::promise<void> promise;
+};
+
+/// Commands that go on after their kill, like programs that hang in the kernel.
+class CommandsThatOutliveTheirKill : private EndOfCommands, public TerminalCapabilities {
+protected:
+    CommandsThatOutliveTheirKill()
+        : TerminalCapabilities([end = promise.get_future().share()](const ProcessOptions&, const auto&) {
+              end.wait();
+              return ProcessResult();
+          }) {}
+    ~CommandsThatOutliveTheirKill() override { promise.set_value(); }
+
+    /// run_command, cancelled as soon as its command has been started.
+    json runCancelled() {
+        const std::size_t before = terminal.list().size();
+        ToolInvocation invocation = runInvocation({{"command", "x"}});
+        std::stop_source source;
+        invocation.stopToken = source.get_token();
+        std::jthread canceller([&] {
+            test::waitUntil([&] { return terminal.list().size() > before; });
+            source.request_stop();
+        });
+        return definitionOf("run_command").invocationHandler(invocation);
+    }
+};
+
+TEST_F(CommandsThatOutliveTheirKill, AreToldAsCancelledAndNotHandedBack) {
+    ::setenv("QM_SYNC_HANDOFF_MS", "50", 1);
+    json result;
+
+    // On a busy machine the hand-off may come before the cancellation: that isn't the case in question.
+    EXPECT_TRUE(test::waitUntil([&] {
+        result = runCancelled();
+        return result.contains("errorCode");
+    }));
+
+    EXPECT_EQ(result["state"], "RUNNING");
+    EXPECT_EQ(result["error"], "task cancellation terminated the process tree");
+    EXPECT_EQ(result["errorCode"], "TASK_CANCELLED");
+    EXPECT_FALSE(result.contains("note"));
+}
+
+TEST_F(CommandsThatOutliveTheirKill, AreToldAsCancelledToThoseWhoWait) {
+    std::stop_source source;
+    source.request_stop();
+    ToolInvocation invocation;
+    invocation.name = "wait_command";
+    invocation.arguments = {{"commandId", startInBackground("x")}, {"timeoutMs", 100}};
+    invocation.stopToken = source.get_token();
+
+    const json result = definitionOf("wait_command").invocationHandler(invocation);
+
+    EXPECT_EQ(result["state"], "RUNNING");
+    EXPECT_EQ(result["finished"], false);
+    EXPECT_EQ(result["error"], "task cancellation terminated the process tree");
+    EXPECT_EQ(result["errorCode"], "TASK_CANCELLED");
+    EXPECT_FALSE(result.contains("note"));
 }
 
 TEST_F(TerminalCapabilities, TheGreaterOutputBudgetIsTheCapOfBothStreams) {

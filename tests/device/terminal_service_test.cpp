@@ -1,6 +1,7 @@
 #include "device/terminal_service.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -10,11 +11,13 @@
 #include <future>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "device/process_host.h"
 #include "device/process_test_support.h"
+#include "device/refused_system_calls.h"
 #include "support/temporary_directory.h"
 #include "support/wait_until.h"
 #include "util/json.h"
@@ -50,7 +53,7 @@ std::string start(TerminalService& terminal, const std::string& command, const s
 
 json endOf(TerminalService& terminal, const std::string& id) {
     EXPECT_TRUE(terminal.waitFor(id, kLongMs, kNoStop, ""));
-    return terminal.snapshot(id, 0, "");
+    return terminal.snapshot(id, 0, "").record;
 }
 
 std::size_t entriesOf(const char* directory) {
@@ -82,7 +85,7 @@ TEST(TerminalService, ARunningCommandShowsNoOutput) {
     TerminalService terminal;
     const std::string id = start(terminal, "echo early; sleep 60");
 
-    const json record = terminal.snapshot(id, 0, "");
+    const json record = terminal.snapshot(id, 0, "").record;
 
     EXPECT_EQ(record["state"], "RUNNING");
     EXPECT_EQ(record["exitCode"], -1);
@@ -134,13 +137,24 @@ TEST(TerminalService, AnExceptionOfTheRunIsAFailedCommand) {
     EXPECT_EQ(unknown["state"], "FAILED");
 }
 
+TEST(TerminalService, WithoutAThreadNothingIsStartedAndNothingIsWaitedFor) {
+    test::withRefusedCalls({{SYS_clone3, EAGAIN}, {SYS_clone, EAGAIN}}, [] {
+        TerminalService terminal;
+
+        EXPECT_THROW(start(terminal, "true"), std::system_error);
+
+        EXPECT_EQ(terminal.list(), json::array());
+        terminal.shutdown();
+    });
+}
+
 TEST(TerminalService, OutputIsReadFromAnOffset) {
     ProcessResult result = exited("ab\xC3\xA9z");
     result.stderrText = "whole";
     TerminalService terminal(giving(result));
     const std::string id = start(terminal, "x");
     endOf(terminal, id);
-    const auto outputFrom = [&](std::int64_t offset) { return terminal.snapshot(id, offset, ""); };
+    const auto outputFrom = [&](std::int64_t offset) { return terminal.snapshot(id, offset, "").record; };
 
     EXPECT_EQ(outputFrom(0)["stdout"], "ab\xC3\xA9z");
     EXPECT_EQ(outputFrom(2)["stdout"], "\xC3\xA9z");
@@ -159,7 +173,7 @@ TEST(TerminalService, OutputIsReadFromAnOffset) {
 TEST(TerminalService, AnUnknownIdIsAnError) {
     TerminalService terminal;
 
-    EXPECT_EQ(terminal.snapshot("cmd_nothing", 0, ""), json({{"error", "未知的 commandId：cmd_nothing"}}));
+    EXPECT_EQ(terminal.snapshot("cmd_nothing", 0, "").record, json({{"error", "未知的 commandId：cmd_nothing"}}));
     EXPECT_FALSE(terminal.kill("cmd_nothing", ""));
     EXPECT_TRUE(terminal.waitFor("cmd_nothing", kLongMs, kNoStop, ""));
 }
@@ -168,20 +182,44 @@ TEST(TerminalService, ACommandExistsForItsOwnerAndForThoseWhoNameNone) {
     TerminalService terminal;
     const std::string id = start(terminal, "sleep 60", "task_a");
 
-    EXPECT_EQ(terminal.snapshot(id, 0, "task_b"), json({{"error", "未知的 commandId：" + id}}));
+    EXPECT_EQ(terminal.snapshot(id, 0, "task_b").record, json({{"error", "未知的 commandId：" + id}}));
     EXPECT_FALSE(terminal.kill(id, "task_b"));
     EXPECT_TRUE(terminal.waitFor(id, kLongMs, kNoStop, "task_b"));
-    EXPECT_EQ(terminal.snapshot(id, 0, "task_a")["state"], "RUNNING");
-    EXPECT_EQ(terminal.snapshot(id, 0, "")["state"], "RUNNING");
+    EXPECT_EQ(terminal.snapshot(id, 0, "task_a").record["state"], "RUNNING");
+    EXPECT_EQ(terminal.snapshot(id, 0, "").record["state"], "RUNNING");
     EXPECT_TRUE(terminal.kill(id, "task_a"));
     EXPECT_EQ(endOf(terminal, id)["state"], "KILLED");
+}
+
+TEST(TerminalService, ALookTellsWhetherThereIsSuchACommandAndWhetherItRuns) {
+    ProcessResult failed;
+    failed.error = "fork 失败";
+    std::promise<void> go;
+    TerminalService terminal([&](const ProcessOptions&, const auto&) {
+        go.get_future().wait();
+        return failed;
+    });
+    const std::string id = start(terminal, "x");
+
+    const CommandSnapshot before = terminal.snapshot(id, 0, "");
+    go.set_value();
+    EXPECT_TRUE(terminal.waitFor(id, kLongMs, kNoStop, ""));
+    const CommandSnapshot after = terminal.snapshot(id, 0, "");
+    const CommandSnapshot unknown = terminal.snapshot("cmd_nothing", 0, "");
+
+    EXPECT_TRUE(before.known);
+    EXPECT_TRUE(before.running);
+    EXPECT_TRUE(after.known);
+    EXPECT_FALSE(after.running);
+    EXPECT_FALSE(unknown.known);
+    EXPECT_FALSE(unknown.running);
 }
 
 TEST(TerminalService, ACommandWithoutOwnerIsHiddenFromTasks) {
     TerminalService terminal(giving(exited("")));
     const std::string id = start(terminal, "x");
 
-    EXPECT_TRUE(terminal.snapshot(id, 0, "task_a").contains("error"));
+    EXPECT_TRUE(terminal.snapshot(id, 0, "task_a").record.contains("error"));
 }
 
 TEST(TerminalService, WaitingGivesUpAtItsLimit) {
@@ -222,7 +260,7 @@ TEST(TerminalService, ARaisedStopTokenKillsTheCommandAndItsEndIsAwaited) {
 
     EXPECT_TRUE(terminal.waitFor(id, kLongMs, source.get_token(), ""));
 
-    EXPECT_EQ(terminal.snapshot(id, 0, "")["state"], "KILLED");
+    EXPECT_EQ(terminal.snapshot(id, 0, "").record["state"], "KILLED");
 }
 
 TEST(TerminalService, AStopTokenRaisedBeforehandDoesTheSame) {
@@ -233,7 +271,7 @@ TEST(TerminalService, AStopTokenRaisedBeforehandDoesTheSame) {
 
     EXPECT_TRUE(terminal.waitFor(id, kLongMs, source.get_token(), ""));
 
-    EXPECT_EQ(terminal.snapshot(id, 0, "")["state"], "KILLED");
+    EXPECT_EQ(terminal.snapshot(id, 0, "").record["state"], "KILLED");
 }
 
 TEST(TerminalService, AStopTokenOfSomebodyWhoCannotSeeTheCommandKillsNothing) {
@@ -244,7 +282,7 @@ TEST(TerminalService, AStopTokenOfSomebodyWhoCannotSeeTheCommandKillsNothing) {
 
     EXPECT_TRUE(terminal.waitFor(id, kLongMs, source.get_token(), "task_b"));
 
-    EXPECT_EQ(terminal.snapshot(id, 0, "")["state"], "RUNNING");
+    EXPECT_EQ(terminal.snapshot(id, 0, "").record["state"], "RUNNING");
 }
 
 TEST(TerminalService, AKilledCommandKeepsWhatItWrote) {
@@ -270,7 +308,7 @@ TEST(TerminalService, AKillOfAnEndedCommandChangesNothing) {
 
     EXPECT_TRUE(terminal.kill(id, ""));
 
-    EXPECT_EQ(terminal.snapshot(id, 0, ""), before);
+    EXPECT_EQ(terminal.snapshot(id, 0, "").record, before);
 }
 
 TEST(TerminalService, AllCommandsOfATaskAreKilledAndNoOthers) {
@@ -285,8 +323,8 @@ TEST(TerminalService, AllCommandsOfATaskAreKilledAndNoOthers) {
 
     EXPECT_EQ(endOf(terminal, first)["state"], "KILLED");
     EXPECT_EQ(endOf(terminal, second)["state"], "KILLED");
-    EXPECT_EQ(terminal.snapshot(other, 0, "")["state"], "RUNNING");
-    EXPECT_EQ(terminal.snapshot(nobodys, 0, "")["state"], "RUNNING");
+    EXPECT_EQ(terminal.snapshot(other, 0, "").record["state"], "RUNNING");
+    EXPECT_EQ(terminal.snapshot(nobodys, 0, "").record["state"], "RUNNING");
 }
 
 TEST(TerminalService, TheListHoldsRunningAndEndedCommands) {
@@ -359,6 +397,7 @@ TEST(TerminalService, AShutdownEndsHundredsOfCommandsWithTheirWaitersAndStarters
         for (int index = 0; index < kCommands; ++index)
             ids.push_back(start(terminal, "sleep 100 & sleep 100"));
         std::vector<std::jthread> threads;
+        threads.reserve(24);
         for (int index = 0; index < 20; ++index) {
             threads.emplace_back([&, id = ids[static_cast<std::size_t>(index)]] {
                 if (terminal.waitFor(id, INT64_MAX, kNoStop, "")) ++waitersDone;
