@@ -96,8 +96,10 @@ InvocationPipeline::InvocationPipeline(const CapabilityRegistry& registry, const
       clock_(std::move(clock)),
       ledger_(limits) {}
 
-json InvocationPipeline::invoke(std::string_view name, json arguments, const json& context) {
-    return invoke(invocationFromContext(name, std::move(arguments), context));
+json InvocationPipeline::invoke(std::string_view name, json arguments, const json& context, std::stop_token stop) {
+    runtime::ToolInvocation invocation = invocationFromContext(name, std::move(arguments), context);
+    invocation.stopToken = std::move(stop);
+    return invoke(std::move(invocation));
 }
 
 json InvocationPipeline::invoke(runtime::ToolInvocation invocation) {

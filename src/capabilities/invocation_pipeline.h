@@ -3,6 +3,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -17,7 +18,8 @@
 namespace qm {
 
 /// Makes a checkpoint of `workspace` under `label`. A result with the key `error` means that there is none. Called with
-/// no lock held, from any thread, at most once at a time for one run, round and workspace.
+/// no lock held, from any thread and at the same time from several; for one run, round and workspace once at a time, as
+/// long as the ledger remembers the run in that round (see InvocationLedger::claimTurn()).
 using TurnCheckpointer = std::function<json(const Workspace& workspace, const std::string& label)>;
 
 /// The one way to run a capability. Every call, whoever makes it, passes the same admission steps in the same order:
@@ -37,8 +39,9 @@ public:
     /// std::exception; the idempotency key then stays in flight.
     json invoke(runtime::ToolInvocation invocation);
 
-    /// The same for a context in JSON, see invocationFromContext(), whose exceptions come out as well.
-    json invoke(std::string_view name, json arguments, const json& context);
+    /// The same for a context in JSON, see invocationFromContext(), whose exceptions come out as well. `stop` cancels
+    /// the invocation.
+    json invoke(std::string_view name, json arguments, const json& context, std::stop_token stop = {});
 
 private:
     std::optional<CapabilityDef> findDefinition(const std::string& name) const;

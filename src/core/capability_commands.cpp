@@ -25,10 +25,12 @@ void execute(const GatewayHost& host, GatewayRequest request) {
     auto arguments = std::make_shared<json>(takeMember(request.frame, "args"));
     auto context = std::make_shared<const json>(takeMember(request.frame, "invocation"));
     request.frame = nullptr;
-    host.detach("execute", [services = host.services, request = std::move(request), name = std::move(name),
-                            arguments = std::move(arguments), context = std::move(context)] {
-        request.reply("executeResult", "result", services->pipeline.invoke(name, std::move(*arguments), *context));
-    });
+    host.detachGuarded("execute",
+                       [services = host.services, stop = host.stopToken, request = std::move(request),
+                        name = std::move(name), arguments = std::move(arguments), context = std::move(context)] {
+                           request.reply("executeResult", "result",
+                                         services->pipeline.invoke(name, std::move(*arguments), *context, stop));
+                       });
 }
 
 std::string noResolutionText(const GatewayRequest& request) {

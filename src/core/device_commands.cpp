@@ -9,7 +9,7 @@ namespace qm {
 namespace {
 
 void collectMetrics(const GatewayHost& host, GatewayRequest request) {
-    host.detach("metrics", [services = host.services, settings = host.settings(), request = std::move(request)] {
+    host.detachGuarded("metrics", [services = host.services, settings = host.settings(), request = std::move(request)] {
         request.reply("metricsResult", "data", services->metrics.collect(settings));
     });
 }

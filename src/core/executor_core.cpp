@@ -43,11 +43,13 @@ ExecutorCore::ExecutorCore(Settings settings, CapabilityRegistry& registry, Work
       settings_(std::move(settings)),
       settingsStore_(dataDir),
       services_(std::make_shared<GatewayServices>(registry, workspaces, turnCheckpointer(checkpoints))),
-      tasks_(std::make_shared<DetachedTasks>()) {
+      tasks_(std::make_shared<DetachedTasks>()),
+      statusEvents_([this](ConnectionState state) { pushEvent("status", statusIn(state)); }) {
     host_.services = services_;
     host_.settings = [this] { return settingsCopy(); };
-    host_.detach = [this](const char* name, std::function<void()> task) { detachGuarded(name, std::move(task)); };
+    host_.detachGuarded = [this](const char* name, std::function<void()> task) { tasks_->run(name, std::move(task)); };
     host_.markRejected = [this] { rejected_ = true; };
+    host_.stopToken = stopSource_.get_token();
     registry_.setChangeListener([this] { capabilitiesChanged(); });
 }
 
@@ -63,20 +65,20 @@ void ExecutorCore::run() {
         loop_.beginRound();
         const Settings settings = settingsCopy();
         if (settings.isStandalone()) {
-            setState(ConnectionState::Standalone);
+            statusEvents_.setState(ConnectionState::Standalone);
             loop_.waitFor(timing_.standaloneWait);
             continue;
         }
         if (settings.executorToken.empty()) {
-            setState(ConnectionState::NotConfigured);
+            statusEvents_.setState(ConnectionState::NotConfigured);
             loop_.waitFor(timing_.unconfiguredWait);
             continue;
         }
-        setState(ConnectionState::Connecting);
+        statusEvents_.setState(ConnectionState::Connecting);
         connectOnce(settings);
         if (!loop_.running()) break;
         const bool rejected = rejected_;
-        setState(rejected ? ConnectionState::Rejected : ConnectionState::Disconnected);
+        statusEvents_.setState(rejected ? ConnectionState::Rejected : ConnectionState::Disconnected);
         loop_.waitFor(rejected ? timing_.rejectedWait : timing_.reconnectWait);
     }
     log(LogLevel::Info, "executor stopped");
@@ -114,7 +116,7 @@ void ExecutorCore::serveAndClose(const std::shared_ptr<WsConnection>& connection
     rejected_ = false;
     // A stop or a reconnect request between the end of the attempt and the storing of the connection met neither.
     if (!loop_.interrupted()) {
-        setState(ConnectionState::Connected);
+        statusEvents_.setState(ConnectionState::Connected);
         serveConnection(connection);
     }
     dropConnection();
@@ -155,6 +157,7 @@ void ExecutorCore::handleCommand(const std::string& text, const std::shared_ptr<
 
 void ExecutorCore::stop() {
     interruptGateway([this] { loop_.stop(); });
+    stopSource_.request_stop();
 }
 
 void ExecutorCore::requestReconnect() {
@@ -197,13 +200,12 @@ Settings ExecutorCore::settingsCopy() const {
     return settings_;
 }
 
-void ExecutorCore::setState(ConnectionState state) {
-    if (state_.exchange(state) != state) pushEvent("status", status());
+json ExecutorCore::status() const {
+    return statusIn(statusEvents_.state());
 }
 
-json ExecutorCore::status() const {
-    return statusRecord(
-        {state_, settingsCopy(), modelState(), registry_.snapshot()->size(), workspaces_.list().size()});
+json ExecutorCore::statusIn(ConnectionState state) const {
+    return statusRecord({state, settingsCopy(), modelState(), registry_.snapshot()->size(), workspaces_.list().size()});
 }
 
 void ExecutorCore::setLocalEventSink(LocalEventSink sink) {
@@ -229,17 +231,18 @@ void ExecutorCore::capabilitiesChanged() {
         session = session_;
     }
     if (session) session->capabilitiesChanged(version);
-    pushEvent("status", status());
+    statusEvents_.recordChanged();
 }
 
 GatewaySession::Announcement ExecutorCore::announcement() const {
-    const std::uint64_t version = registry_.version();
-    const json message = registerMessage(settingsCopy(), modelState(), registry_.snapshot(), json::array());
-    return {dumpJson(message), version};
-}
-
-void ExecutorCore::detachGuarded(const char* name, std::function<void()> task) {
-    tasks_->run(name, std::move(task));
+    std::uint64_t version = 0;
+    CapabilityRegistry::Snapshot capabilities;
+    // A table that is newer than the version sent with it would be announced once more.
+    do {
+        version = registry_.version();
+        capabilities = registry_.snapshot();
+    } while (registry_.version() != version);
+    return {dumpJson(registerMessage(settingsCopy(), modelState(), capabilities, json::array())), version};
 }
 
 }  // namespace qm

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,7 @@
 #include "core/loop_control.h"
 #include "core/settings.h"
 #include "core/settings_store.h"
+#include "core/status_events.h"
 #include "util/detached_tasks.h"
 #include "util/json_fwd.h"
 
@@ -61,7 +63,7 @@ public:
     /// The connection loop; returns after stop().
     void run();
 
-    /// Ends run() from whatever it does. Any number of times.
+    /// Ends run() from whatever it does, and asks invocations in flight to end. Any number of times.
     void stop();
 
     /// Starts a new round at once: ends the session, an attempt to connect, or a wait.
@@ -89,7 +91,7 @@ public:
 
 private:
     Settings settingsCopy() const;
-    void setState(ConnectionState state);
+    json statusIn(ConnectionState state) const;
     void pushEvent(std::string_view event, const json& data) const;
     void connectOnce(const Settings& settings);
     std::shared_ptr<WsConnection> openConnection(const Settings& settings);
@@ -98,7 +100,6 @@ private:
     void interruptGateway(const std::function<void()>& interruptLoop);
     void capabilitiesChanged();
     GatewaySession::Announcement announcement() const;
-    void detachGuarded(const char* name, std::function<void()> task);
 
     const CoreTiming timing_;
     CapabilityRegistry& registry_;
@@ -116,9 +117,10 @@ private:
 
     mutable std::mutex eventSinkMutex_;
     LocalEventSink eventSink_;
+    StatusEvents statusEvents_;
 
     LoopControl loop_;
-    std::atomic<ConnectionState> state_{ConnectionState::NotConfigured};
+    std::stop_source stopSource_;  ///< Raised with the stop of loop_, for invocations in flight.
     std::atomic<bool> rejected_{false};
 
     std::mutex connectionMutex_;                ///< Held to read or swap the pointers below, nothing else.

@@ -22,7 +22,7 @@ struct GatewayRequest {
     void reply(std::string_view type, std::string_view key, json value) const;
 };
 
-/// Runs on the thread that reads the session: long work goes through GatewayHost::detach.
+/// Runs on the thread that reads the session: long work goes through GatewayHost::detachGuarded.
 using GatewayHandler = void (*)(const GatewayHost& host, GatewayRequest request);
 
 struct GatewayCommand {

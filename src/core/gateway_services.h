@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <stop_token>
 #include <utility>
 
 #include "capabilities/disabled_capabilities.h"
@@ -29,9 +30,11 @@ struct GatewayHost {
     std::shared_ptr<GatewayServices> services;
     std::function<Settings()> settings;
     /// Runs a task on a thread that nobody waits for; what it throws is logged.
-    std::function<void(const char* name, std::function<void()> task)> detach;
+    std::function<void(const char* name, std::function<void()> task)> detachGuarded;
     /// The gateway refused this executor: the next wait is the long one.
     std::function<void()> markRejected;
+    /// Raised when the core stops.
+    std::stop_token stopToken;
 };
 
 }  // namespace qm

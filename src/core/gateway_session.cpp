@@ -1,11 +1,10 @@
 #include "core/gateway_session.h"
 
-#include <condition_variable>
+#include <algorithm>
 #include <exception>
-#include <stop_token>
-#include <thread>
 #include <utility>
 
+#include "core/heartbeat.h"
 #include "net/ws_connection.h"
 #include "util/log.h"
 
@@ -14,20 +13,17 @@ namespace {
 
 constexpr char kHeartbeat[] = R"({"type":"heartbeat"})";
 
-/// Sends a heartbeat each `period` until asked to stop. The result of a send doesn't matter: a dead connection ends the
-/// reader, and the reader ends this.
-void beat(const std::stop_token& stop, WsConnection& connection, std::chrono::milliseconds period) {
-    std::mutex mutex;
-    std::condition_variable_any wake;
-    for (;;) {
-        {
-            std::unique_lock lock(mutex);
-            wake.wait_for(lock, stop, period, [] { return false; });
-        }
-        if (stop.stop_requested()) return;
-        connection.sendText(kHeartbeat);
-    }
-}
+/// Closes a connection, however the reading of it ends.
+class ClosingScope {
+public:
+    explicit ClosingScope(WsConnection& connection) : connection_(connection) {}
+    ~ClosingScope() { connection_.close(); }
+    ClosingScope(const ClosingScope&) = delete;
+    ClosingScope& operator=(const ClosingScope&) = delete;
+
+private:
+    WsConnection& connection_;
+};
 
 void handleGuarded(const GatewaySession::FrameHandler& handleFrame, const std::string& text) {
     try {
@@ -47,63 +43,57 @@ GatewaySession::GatewaySession(std::shared_ptr<WsConnection> connection, Announc
 void GatewaySession::announce() {
     {
         const std::lock_guard lock(announceMutex_);
-        if (announcing_) {
-            announceAgain_ = true;
-            return;
-        }
-        announcing_ = true;
+        sending_ = true;
     }
-    try {
-        sendAnnouncements();
-    } catch (...) {
-        const std::lock_guard lock(announceMutex_);
-        announcing_ = false;
-        throw;
-    }
-}
-
-void GatewaySession::sendAnnouncements() {
-    for (;;) {
-        const Announcement announcement = announcer_();
-        {
-            const std::lock_guard lock(announceMutex_);
-            announced_ = true;
-            announcedVersion_ = announcement.registryVersion;
-        }
-        connection_->sendText(announcement.text);
-        const std::lock_guard lock(announceMutex_);
-        if (!announceAgain_) {
-            announcing_ = false;
-            return;
-        }
-        announceAgain_ = false;
-    }
+    sendAnnouncements();
 }
 
 void GatewaySession::capabilitiesChanged(std::uint64_t registryVersion) {
     {
         const std::lock_guard lock(announceMutex_);
+        wantedVersion_ = std::max(wantedVersion_, registryVersion);
         // Before the first message is built there is nothing to correct: it will show the change.
-        if (!announced_ && !announcing_) return;
-        if (announced_ && registryVersion <= announcedVersion_) return;
+        if (sending_ || !announcedVersion_ || *announcedVersion_ >= wantedVersion_) return;
+        sending_ = true;
     }
-    announce();
+    sendAnnouncements();
+}
+
+/// For the thread that has set sending_.
+void GatewaySession::sendAnnouncements() {
+    try {
+        bool again = true;
+        while (again) {
+            const Announcement announcement = announcer_();
+            connection_->sendText(announcement.text);
+            again = !endSending(announcement.registryVersion);
+        }
+    } catch (...) {
+        const std::lock_guard lock(announceMutex_);
+        sending_ = false;
+        throw;
+    }
+}
+
+/// Notes what was sent. False if that is outdated already, and the calling thread must send once more.
+bool GatewaySession::endSending(std::uint64_t sentVersion) {
+    const std::lock_guard lock(announceMutex_);
+    announcedVersion_ = sentVersion;
+    sending_ = sentVersion < wantedVersion_;
+    return !sending_;
 }
 
 void GatewaySession::serve(const FrameHandler& handleFrame, std::chrono::milliseconds heartbeatPeriod) {
-    std::jthread heartbeat(
-        [this, heartbeatPeriod](const std::stop_token& stop) { beat(stop, *connection_, heartbeatPeriod); });
+    // The result of a send doesn't matter: a dead connection ends the reader, and the reader ends the heartbeat.
+    const Heartbeat heartbeat([this] { connection_->sendText(kHeartbeat); }, heartbeatPeriod);
+    // Closes before the heartbeat's thread is joined: one that is stuck in a send to a peer that reads no more comes
+    // free.
+    const ClosingScope closing(*connection_);
     std::string text;
     int failed = 0;
     while (connection_->receive(&text, &failed))
         handleGuarded(handleFrame, text);
     if (failed != 0) log(LogLevel::Warn, "websocket receive error: " + connection_->receiveError());
-    // Closed before the heartbeat is joined: one that is stuck in a send to a peer that reads no more comes free.
-    connection_->close();
-}
-
-void GatewaySession::close() {
-    connection_->close();
 }
 
 }  // namespace qm

@@ -4,40 +4,26 @@
 
 #include <filesystem>
 #include <future>
-#include <sstream>
+#include <stop_token>
 
 #include "core/running_core.h"
-#include "device/system_probes.h"
 #include "support/gateway_peer.h"
+#include "support/promised.h"
 #include "util/json.h"
-#include "util/log.h"
 
 namespace qm {
 namespace {
 
 using std::chrono::milliseconds;
+using test::capability;
 using test::eagerTiming;
 using test::GatewayPeer;
 using test::HandshakeAnswer;
+using test::logged;
 using test::patientTiming;
 using test::RunningCore;
 using test::settingsFor;
 using Strings = std::vector<std::string>;
-
-CapabilityDef capability(const std::string& name) {
-    CapabilityDef definition;
-    definition.name = name;
-    definition.effect = "READ_ONLY";
-    definition.handler = [](const json&) { return json::object(); };
-    return definition;
-}
-
-bool logged(std::string_view text) {
-    for (const std::string& line : recentLogLines(300)) {
-        if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
-}
 
 bool isRegister(const test::ReceivedFrame& frame) {
     return frame.message.value("type", "") == "register";
@@ -80,13 +66,19 @@ TEST(ExecutorCore, ConnectsRegistersAndGoesThroughTheStates) {
 TEST(ExecutorCore, IsNotConfiguredWithoutAToken) {
     Settings settings = settingsFor("http://127.0.0.1:1");
     settings.executorToken.clear();
+    settings.connection = "STANDALONE";
     RunningCore running(settings);
     running.start();
+    ASSERT_TRUE(running.waitForState("STANDALONE"));
 
-    // The state before the first round is NOT_CONFIGURED already, so there is no event to wait for.
-    EXPECT_EQ(running.core->status()["state"], "NOT_CONFIGURED");
+    // The state before the first round is NOT_CONFIGURED already: only a change to it shows that a round came to it.
+    running.core->changeSettings([](Settings& changed) { changed.connection = "GATEWAY"; });
+
+    ASSERT_TRUE(running.waitForState("NOT_CONFIGURED"));
+    EXPECT_EQ(running.core->status()["online"], false);
+    EXPECT_EQ(running.core->status()["configured"], false);
     running.stop();
-    EXPECT_TRUE(running.states().empty());
+    EXPECT_EQ(running.states(), (Strings{"STANDALONE", "NOT_CONFIGURED"}));
     EXPECT_TRUE(logged("INFO  executor stopped"));
 }
 
@@ -170,6 +162,27 @@ TEST(ExecutorCore, WaitsLongAfterARejectionAndForgetsItAtTheNextSuccess) {
     gateway.waitForRegister();
     gateway.close();
     ASSERT_TRUE(running.waitForState("DISCONNECTED"));
+}
+
+TEST(ExecutorCore, WaitsLongAfterEachAttemptThatFailsUntilOneSucceeds) {
+    GatewayPeer gateway;
+    // Only the long wait ends within the test, so the attempts show that it was chosen each time.
+    CoreTiming timing = patientTiming();
+    timing.rejectedWait = milliseconds(1);
+    RunningCore running(settingsFor(gateway.url()), timing);
+    running.start();
+    gateway.waitForRegister();
+    gateway.answerNextHandshake(HandshakeAnswer::status(401));
+    gateway.answerNextHandshake(HandshakeAnswer::status(503));
+
+    gateway.send({{"type", "registerRejected"}});
+    gateway.close();
+    gateway.waitForRegister();
+    gateway.close();
+
+    ASSERT_TRUE(running.waitForState("DISCONNECTED"));
+    EXPECT_EQ(running.states(), (Strings{"CONNECTING", "CONNECTED", "REJECTED", "CONNECTING", "REJECTED", "CONNECTING",
+                                         "REJECTED", "CONNECTING", "CONNECTED", "DISCONNECTED"}));
 }
 
 TEST(ExecutorCore, NamesTheDefaultReasonOfARejection) {
@@ -402,51 +415,40 @@ TEST(ExecutorCore, DestructionGivesUpOnWorkThatDoesNotEnd) {
     EXPECT_TRUE(inFlight->waitUntilIdle(test::kGenerousLimit));
 }
 
-std::size_t entriesOf(const char* directory) {
-    const std::filesystem::directory_iterator entries(directory);
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
-
-/// As the kernel counts them; listing them would miss one while another ends.
-std::size_t threadCount() {
-    std::istringstream status(test::readFile("/proc/self/status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("Threads:")) return std::stoul(line.substr(8));
-    }
-    return 0;
-}
-
-TEST(ExecutorCore, AThousandSessionsLeaveNothingBehind) {
-    // A sanitizer starts a thread of its own with the first one.
-    std::thread([] {}).join();
-    // Besides those that are here now: the gateway's, the connection loop, the heartbeat.
-    const std::size_t threads = threadCount() + 3;
+TEST(ExecutorCore, AStopAsksInvocationsInFlightToEnd) {
     GatewayPeer gateway;
-    RunningCore running(settingsFor(gateway.url()), eagerTiming());
-    running.start();
-    const auto cycle = [&] {
-        gateway.waitForRegister();
-        gateway.close();
+    RunningCore running(settingsFor(gateway.url()));
+    std::promise<void> started;
+    std::promise<void> asked;
+    std::atomic<bool> ended = false;
+    CapabilityDef obedient = capability("obedient");
+    obedient.invocationHandler = [&](const runtime::ToolInvocation& invocation) {
+        const std::stop_callback onStop(invocation.stopToken, [&] { asked.set_value(); });
+        started.set_value();
+        test::promised(asked);
+        ended = true;
+        return json::object();
     };
-    for (int i = 0; i < 50; ++i)
-        cycle();  // Allocators and caches have settled after these.
+    running.registry.registerCapability(obedient);
+    running.start();
     gateway.waitForRegister();
-    EXPECT_TRUE(test::waitUntil([&] { return threadCount() == threads; })) << threadCount();
-    const std::size_t descriptors = entriesOf("/proc/self/fd");
-    const std::uint64_t resident = residentBytes();
+    gateway.send({{"type", "execute"}, {"requestId", "1"}, {"capabilityId", "obedient"}});
+    test::promised(started);
 
-    gateway.close();
-    for (int i = 0; i < 1000; ++i)
-        cycle();
-    gateway.waitForRegister();
+    running.stop();
 
-    EXPECT_TRUE(test::waitUntil([&] { return threadCount() == threads; })) << threadCount();
-    EXPECT_TRUE(test::waitUntil([&] { return entriesOf("/proc/self/fd") <= descriptors; })) << descriptors;
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    // The gateway in this process keeps what it was sent, a few kilobytes a session.
-    EXPECT_LT(residentBytes(), resident + (16U << 20));
-#endif
-    EXPECT_GT(resident, 0U);
+    EXPECT_TRUE(running.core->detachedTasks()->waitUntilIdle(test::kGenerousLimit));
+    EXPECT_TRUE(ended);
+}
+
+TEST(ExecutorCore, AfterItsEndTheTableMayChange) {
+    RunningCore running(settingsFor("http://127.0.0.1:1"));
+    running.core.reset();
+    const auto lines = recentLogLines(300);
+
+    running.registry.registerCapability(capability("late"));
+
+    EXPECT_EQ(recentLogLines(300), lines);
 }
 
 }  // namespace

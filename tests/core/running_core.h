@@ -1,9 +1,15 @@
 #pragma once
 
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -14,6 +20,8 @@
 #include "device/workspace_registry.h"
 #include "support/temporary_directory.h"
 #include "support/wait_until.h"
+#include "util/json.h"
+#include "util/log.h"
 
 namespace qm::test {
 
@@ -44,6 +52,22 @@ inline Settings settingsFor(const std::string& gatewayUrl) {
     return settings;
 }
 
+/// A capability that does nothing.
+inline CapabilityDef capability(const std::string& name) {
+    CapabilityDef definition;
+    definition.name = name;
+    definition.effect = "READ_ONLY";
+    definition.handler = [](const json&) { return json::object(); };
+    return definition;
+}
+
+inline bool logged(std::string_view text) {
+    for (const std::string& line : recentLogLines(300)) {
+        if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+}
+
 /// An ExecutorCore with its surroundings, whose connection loop runs on a thread of its own once start() is called.
 class RunningCore {
 public:
@@ -56,7 +80,10 @@ public:
     ~RunningCore() { stop(); }
 
     void start() {
-        thread_ = std::thread([this] { core->run(); });
+        thread_ = std::thread([this] {
+            loopThread_ = ::gettid();
+            core->run();
+        });
     }
 
     /// Ends the loop and waits for it.
@@ -78,6 +105,12 @@ public:
                                  [&] { return std::count(states_.begin(), states_.end(), state) >= count; });
     }
 
+    /// Waits until the loop has gone to sleep some more times: where its waits are short, rounds have gone by.
+    bool waitForRounds() {
+        const auto before = loopSleeps();
+        return waitUntil([&] { return loopSleeps() >= before + 5; });
+    }
+
     TemporaryDirectory directory;
     CapabilityRegistry registry;
     WorkspaceRegistry workspaces{directory.path()};
@@ -93,9 +126,20 @@ private:
         changed_.notify_all();
     }
 
+    /// How often the kernel has seen the loop's thread wait for something.
+    long loopSleeps() const {
+        std::istringstream status(readFile("/proc/self/task/" + std::to_string(loopThread_) + "/status"));
+        const std::string key = "voluntary_ctxt_switches:";
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with(key)) return std::stol(line.substr(key.size()));
+        }
+        return 0;
+    }
+
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::string> states_;
+    std::atomic<pid_t> loopThread_ = 0;
     std::thread thread_;
 };
 
