@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "capabilities/capability_arguments.h"
 #include "capabilities/capability_registry.h"
-#include "device/capability_arguments.h"
 #include "device/checkpoint_service.h"
 #include "device/workspace_registry.h"
 #include "util/json.h"

@@ -10,7 +10,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "device/capability_arguments.h"
+#include "capabilities/capability_arguments.h"
+#include "capabilities/capability_result.h"
 #include "device/directory_reader.h"
 #include "device/filesystem_handlers.h"
 #include "device/workspace_files.h"
@@ -105,10 +106,6 @@ OpenedFile openForReading(const WorkspaceRegistry& workspaces, const json& argum
 }
 
 }  // namespace
-
-json failure(std::string text) {
-    return json{{"error", std::move(text)}};
-}
 
 json listWorkspaces(const WorkspaceRegistry& workspaces, const json&) {
     json listed = json::array();

@@ -6,7 +6,8 @@
 #include <system_error>
 #include <utility>
 
-#include "device/capability_arguments.h"
+#include "capabilities/capability_arguments.h"
+#include "capabilities/capability_result.h"
 #include "device/filesystem_handlers.h"
 #include "device/glob.h"
 #include "device/tree_walk.h"

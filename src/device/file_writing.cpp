@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
-#include "device/capability_arguments.h"
+#include "capabilities/capability_arguments.h"
+#include "capabilities/capability_result.h"
 #include "device/filesystem_handlers.h"
 #include "device/line_changes.h"
 #include "device/workspace_files.h"

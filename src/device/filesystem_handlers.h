@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "util/json_fwd.h"
 
 namespace qm {
@@ -19,8 +17,5 @@ json writeFile(const WorkspaceRegistry& workspaces, const json& arguments);
 json makeDirectory(const WorkspaceRegistry& workspaces, const json& arguments);
 json statPath(const WorkspaceRegistry& workspaces, const json& arguments);
 json findFiles(const WorkspaceRegistry& workspaces, const json& arguments);
-
-/// The result of a failure.
-json failure(std::string text);
 
 }  // namespace qm

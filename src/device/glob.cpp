@@ -3,13 +3,6 @@
 #include "util/text.h"
 
 namespace qm {
-namespace {
-
-char lowerAscii(char character) {
-    return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
-}
-
-}  // namespace
 
 Glob::Glob(std::string_view pattern) {
     for (const char character : toLowerAscii(pattern)) {

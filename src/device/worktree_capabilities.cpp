@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "capabilities/capability_arguments.h"
 #include "capabilities/capability_registry.h"
-#include "device/capability_arguments.h"
 #include "device/worktree_service.h"
 #include "util/json.h"
 

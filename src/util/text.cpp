@@ -3,13 +3,6 @@
 #include <algorithm>
 
 namespace qm {
-namespace {
-
-char lowerAscii(char character) {
-    return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
-}
-
-}  // namespace
 
 std::string_view trimmed(std::string_view text, std::string_view characters) {
     const auto first = text.find_first_not_of(characters);

@@ -17,6 +17,11 @@ bool isBlank(std::string_view text);
 /// `text` without any trailing "/".
 std::string_view withoutTrailingSlashes(std::string_view text);
 
+/// `character` in lower case if it is an ASCII letter, whatever the locale.
+constexpr char lowerAscii(char character) {
+    return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
+}
+
 /// Equality that ignores the case of ASCII letters only, whatever the locale.
 bool equalsIgnoreCase(std::string_view left, std::string_view right);
 

@@ -8,8 +8,9 @@
 
 namespace qm {
 
-/// Readers for the arguments of a capability: an absent one reads as the default; one of another type throws the JSON
-/// library's type error, which the caller gets as the call's failure rather than an answer to what it didn't ask.
+/// Readers for the arguments of a capability and the context of its call: an absent one reads as the default; one of
+/// another type throws the JSON library's type error, which the caller gets as the call's failure rather than an answer
+/// to what it didn't ask.
 
 /// Empty if absent. The reference lives as long as `arguments`.
 const std::string& textArgument(const json& arguments, std::string_view key);

@@ -1,4 +1,4 @@
-#include "device/capability_arguments.h"
+#include "capabilities/capability_arguments.h"
 
 #include <cmath>
 #include <limits>
