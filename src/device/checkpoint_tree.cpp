@@ -88,17 +88,6 @@ private:
 
 }  // namespace
 
-std::optional<DirectoryId> directoryId(int fd) {
-    struct stat status {};
-    if (::fstat(fd, &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
-    return DirectoryId{status.st_dev, status.st_ino};
-}
-
-std::optional<DirectoryId> directoryId(const std::filesystem::path& directory) {
-    const UniqueFd fd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    return fd ? directoryId(fd.get()) : std::nullopt;
-}
-
 CheckpointTree::CheckpointTree(const std::filesystem::path& root, std::optional<DirectoryId> leftOut)
     : root_(root), leftOut_(leftOut) {}
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -9,22 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "device/directory_id.h"
 #include "device/workspace_files.h"
 #include "util/unique_fd.h"
 
 namespace qm {
-
-/// Tells a directory from every other one, whatever path leads to it.
-struct DirectoryId {
-    dev_t device = 0;
-    ino_t inode = 0;
-
-    bool operator==(const DirectoryId&) const = default;
-};
-
-/// Nothing if there is no directory.
-std::optional<DirectoryId> directoryId(int fd);
-std::optional<DirectoryId> directoryId(const std::filesystem::path& directory);
 
 /// The regular files of a workspace that belong to checkpoints: neither links nor anything below `.git` in its root,
 /// nor the executor's own data. Everything is reached below one descriptor of the root, and no link is followed, so

@@ -2,24 +2,45 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "device/process_control.h"
 #include "device/process_result.h"
 
 namespace qm {
 
-/// Runs git where agents may have written: inherited `GIT_` variables are dropped, and whatever a repository's own
-/// configuration says, no hook and no file system monitor is started. Any thread, several at once.
+/// One call of git.
+struct GitCall {
+    std::filesystem::path directory;     ///< Where it runs.
+    std::vector<std::string> arguments;  ///< Behind "git".
+    std::int32_t timeoutMs = 0;
+    std::filesystem::path gitDirectory{};           ///< Empty: git looks for it, from `directory` upward.
+    std::filesystem::path commonDirectory{};        ///< The repository that `gitDirectory` is a linked tree's part of.
+    std::vector<std::filesystem::path> writable{};  ///< Directories that git may change, and what it starts.
+};
+
+/// Runs git where agents may have written: a repository's configuration can name programs (filters above all) that git
+/// starts. Wherever the kernel has the means to hold a sandboxed command to its limits, git and all that it starts are
+/// therefore held to theirs: no network, and no writing but in the call's `writable`, "/tmp" and "/dev". On every
+/// kernel inherited `GIT_` variables are dropped and hooks and file system monitors switched off, and untracked files
+/// and changed submodules show in `status`, whatever the repository's own configuration says. Any thread, several at
+/// once.
 class WorktreeGit {
 public:
     /// `trees`: absolute directory of all trees. Git never takes a repository above it for that of a tree.
     explicit WorktreeGit(std::filesystem::path trees) : trees_(std::move(trees)) {}
 
-    /// Runs "git" with `arguments` in `directory`, for at most `timeoutMs`. Blocks.
-    ProcessResult run(const std::filesystem::path& directory, const std::vector<std::string>& arguments,
-                      std::int32_t timeoutMs) const;
+    /// Runs git to its end or time limit. Blocks.
+    ProcessResult run(const GitCall& call) const;
+
+    /// Kills every git that runs, with what it started, and lets later calls fail at once.
+    void shutdown();
+    bool isShutDown() const;
 
     static bool succeeded(const ProcessResult& result);
 
@@ -27,7 +48,12 @@ public:
     static std::string failureText(std::string_view label, const ProcessResult& result);
 
 private:
-    std::filesystem::path trees_;
+    class Run;
+
+    const std::filesystem::path trees_;
+    mutable std::mutex mutex_;  ///< Guards what follows; never held while git runs.
+    mutable std::set<std::shared_ptr<ProcessControl>> running_;
+    bool isShutDown_ = false;
 };
 
 }  // namespace qm

@@ -37,10 +37,9 @@ WorktreeRecord fromJson(const json& element) {
 
 }  // namespace
 
-bool isWorktreeId(const std::string& id) {
-    constexpr std::size_t kPrefixLength = 3;
-    return id.size() > kPrefixLength && id.starts_with("wt_") &&
-           id.find_first_not_of("0123456789abcdefghijklmnopqrstuvwxyz", kPrefixLength) == std::string::npos;
+bool isWorktreeDirectoryName(std::string_view id) {
+    return !id.empty() && id != "." && id != ".." && id.find('/') == std::string_view::npos &&
+           id.find('\0') == std::string_view::npos;
 }
 
 std::vector<WorktreeRecord> readWorktreeFile(const std::filesystem::path& file) {
@@ -50,7 +49,7 @@ std::vector<WorktreeRecord> readWorktreeFile(const std::filesystem::path& file) 
     if (!table.is_array()) return records;
     for (const json& element : table) {
         auto record = fromJson(element);
-        if (isWorktreeId(record.id)) records.push_back(std::move(record));
+        if (!record.id.empty()) records.push_back(std::move(record));
     }
     return records;
 }

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qm {
@@ -21,14 +22,14 @@ struct WorktreeRecord {
     std::int64_t expiresAtMs = 0;
 };
 
-/// The records in the file, in its order. Empty if there is no file, or it holds no JSON array; an element that can't
-/// be a record is left out. Never throws for what the file holds.
+/// The records in the file, in its order and as they stand. Empty if there is no file, or it holds no JSON array; an
+/// element without an id is left out. Never throws for what the file holds.
 std::vector<WorktreeRecord> readWorktreeFile(const std::filesystem::path& file);
 
 /// Replaces the file as a whole, creating its directory if needed. Throws std::system_error, with the old file intact.
 void writeWorktreeFile(const std::filesystem::path& file, const std::vector<WorktreeRecord>& records);
 
-/// Whether `id` has the form of an id, and so is safe as the name of a directory.
-bool isWorktreeId(const std::string& id);
+/// Whether `id` can be the name of a tree's directory; ids in the file may be anything.
+bool isWorktreeDirectoryName(std::string_view id);
 
 }  // namespace qm

@@ -14,7 +14,6 @@
 #include "util/log.h"
 #include "util/random_id.h"
 #include "util/remove_tree.h"
-#include "util/unique_fd.h"
 
 namespace qm {
 namespace {
@@ -22,6 +21,7 @@ namespace {
 constexpr std::string_view kIdPrefix = "wt_";
 constexpr std::size_t kIdLength = 8;
 constexpr std::string_view kBranchPrefix = "quillmarsh/";
+constexpr char kStopping[] = "执行器正在停止";
 
 WorktreeService::CreateResult notCreated(std::string error) {
     return {false, {}, std::move(error)};
@@ -31,12 +31,23 @@ WorktreeService::RemoveResult notRemoved(bool hadUncommittedChanges, std::string
     return {false, hadUncommittedChanges, std::move(error)};
 }
 
-/// Empty on success, otherwise the reason. Trees hold what may be private to the user in the workspace.
-std::string makePrivateDirectory(const std::filesystem::path& directory) {
+/// Makes an empty directory for a tree; empty on success, otherwise the reason. The directory of all trees is private,
+/// because they hold what may be private to the user in the workspace.
+std::string makeTreeDirectory(const std::filesystem::path& tree) {
+    const std::filesystem::path trees = tree.parent_path();
     std::error_code error;
-    std::filesystem::create_directories(directory.parent_path(), error);
-    if (!error && ::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) error = {errno, std::generic_category()};
+    std::filesystem::create_directories(trees.parent_path(), error);
+    if (!error && ::mkdir(trees.c_str(), 0700) != 0 && errno != EEXIST) error = {errno, std::generic_category()};
+    if (!error && ::mkdir(tree.c_str(), 0777) != 0) error = {errno, std::generic_category()};
     return error ? error.message() : std::string();
+}
+
+/// Trees are told by where they lie, so the same data directory always has the same path.
+std::filesystem::path canonicalPath(const std::filesystem::path& directory) {
+    const std::filesystem::path absolute = std::filesystem::absolute(directory);
+    std::error_code error;
+    auto canonical = std::filesystem::weakly_canonical(absolute, error);
+    return error ? absolute.lexically_normal() : canonical;
 }
 
 std::int64_t leaseEnd(std::int64_t nowMs, std::int64_t leaseMs) {
@@ -48,7 +59,7 @@ std::int64_t leaseEnd(std::int64_t nowMs, std::int64_t leaseMs) {
 
 WorktreeService::WorktreeService(const std::filesystem::path& dataDir, WorkspaceRegistry& workspaces,
                                  WorktreeTimeouts timeouts, ClockMs clock)
-    : dataDir_(std::filesystem::absolute(dataDir)),
+    : dataDir_(canonicalPath(dataDir)),
       workspaces_(workspaces),
       timeouts_(timeouts),
       clock_(std::move(clock)),
@@ -61,30 +72,29 @@ void WorktreeService::reload() {
 
 WorktreeService::CreateResult WorktreeService::create(const std::string& sourceWorkspace, const std::string& owner,
                                                       std::int64_t leaseMs) {
-    const auto source = workspaces_.find(sourceWorkspace);
-    if (!source) return notCreated("未知的 workspace：" + sourceWorkspace);
-    std::string refusal = WorkspaceRegistry::requirePermission(*source, WorkspacePermission::READ_WRITE);
+    const auto workspace = workspaces_.find(sourceWorkspace);
+    if (!workspace) return notCreated("未知的 workspace：" + sourceWorkspace);
+    std::string refusal = WorkspaceRegistry::requirePermission(*workspace, WorkspacePermission::READ_WRITE);
     if (!refusal.empty()) return notCreated(std::move(refusal));
-    if (!WorktreeGit::succeeded(git_.run(source->hostPath, {"rev-parse", "--git-dir"}, timeouts_.revParseMs))) {
-        return notCreated("该工作区不是 git 仓库，无法派生独立工作树");
-    }
+    const auto source = findSource(workspace->hostPath);
+    if (!source) return notCreated(git_.isShutDown() ? kStopping : "该工作区不是 git 仓库，无法派生独立工作树");
     if (list().size() >= kMaxTrees) {
         return notCreated("同时存在的工作树已达上限（" + std::to_string(kMaxTrees) + "），请先归还其中一个");
     }
 
     WorktreeRecord record;
     record.id = randomId(kIdPrefix, kIdLength);
-    record.sourceWorkspace = source->id;
+    record.sourceWorkspace = workspace->id;
     record.branch = std::string(kBranchPrefix) + record.id;
     record.owner = owner;
     record.path = (dataDir_ / "worktrees" / record.id).string();
-    std::string error = makePrivateDirectory(dataDir_ / "worktrees");
+    std::string error = makeTreeDirectory(record.path);
     if (!error.empty()) return notCreated("创建工作树失败：" + error);
-    error = fillTree(source->hostPath, record);
-    if (error.empty()) error = registerTree(record, *source);
+    error = fillTree(*source, record);
+    if (error.empty()) error = registerTree(record, *workspace);
     if (!error.empty()) {
-        cleanUp(source->hostPath, record);
-        return notCreated(std::move(error));
+        discard(&*source, record, timeouts_.cleanUpMs);
+        return notCreated(git_.isShutDown() ? kStopping : std::move(error));
     }
 
     record.createdAtMs = clock_();
@@ -95,22 +105,66 @@ WorktreeService::CreateResult WorktreeService::create(const std::string& sourceW
     return {true, std::move(record), {}};
 }
 
-/// Git reads a repository's list of trees whenever it adds or removes a tree or a branch, and fails over an entry that
-/// another process has only half written, so these calls are made one at a time. They are the short ones.
-ProcessResult WorktreeService::changeRepository(const std::filesystem::path& source,
-                                                const std::vector<std::string>& arguments,
-                                                std::int32_t timeoutMs) const {
-    const std::lock_guard lock(repositoryMutex_);
-    return git_.run(source, arguments, timeoutMs);
+/// A directory that git takes for a repository's, and whose parts belong together.
+std::optional<WorktreeService::Source> WorktreeService::findSource(const std::filesystem::path& path) const {
+    GitCall call{.directory = path, .arguments = {"rev-parse", "--git-dir"}, .timeoutMs = timeouts_.revParseMs};
+    if (!WorktreeGit::succeeded(git_.run(call))) return std::nullopt;
+    auto repository = WorktreeRepository::find(path, dataDir_ / "worktrees");
+    if (!repository) return std::nullopt;
+    return Source{path, std::move(*repository)};
+}
+
+std::shared_ptr<std::mutex> WorktreeService::mutexOf(const DirectoryId& repository) const {
+    const std::lock_guard lock(repositoriesMutex_);
+    std::erase_if(repositories_, [](const auto& each) { return each.second.expired(); });
+    auto& known = repositories_[repository];
+    auto mutex = known.lock();
+    if (!mutex) known = mutex = std::make_shared<std::mutex>();
+    return mutex;
+}
+
+/// Runs git in the source, where it may change the repository and the tree. Git reads a repository's list of trees
+/// whenever it adds or removes a tree or a branch, and fails over an entry that another process has only half written,
+/// so these calls are made one at a time in each repository. They are the short ones.
+ProcessResult WorktreeService::changeRepository(const Source& source, const WorktreeRecord& record,
+                                                std::vector<std::string> arguments, std::int32_t timeoutMs) const {
+    const PinnedDirectory& common = source.repository.common();
+    const auto mutex = mutexOf(common.id());
+    const std::lock_guard lock(*mutex);
+    const auto tree = openTree(record);
+    GitCall call{.directory = source.path, .arguments = std::move(arguments), .timeoutMs = timeoutMs};
+    call.gitDirectory = source.repository.gitDirectory();
+    if (call.gitDirectory != common.path()) call.commonDirectory = common.path();
+    call.writable.push_back(common.handle());
+    if (tree) call.writable.push_back(tree->handle());
+    return git_.run(call);
+}
+
+/// Runs git in the tree. What its file `.git` says is not asked if that can be helped: whoever works in the tree can
+/// write it, and what it leads to would then decide what git does to the repository. Without a known repository git may
+/// change nothing at all.
+ProcessResult WorktreeService::runInTree(const Source* source, const WorktreeRecord& record,
+                                         std::vector<std::string> arguments, std::int32_t timeoutMs,
+                                         bool changesTree) const {
+    const auto gitDirectory = source != nullptr ? source->repository.gitDirectoryOf(record) : std::nullopt;
+    const auto tree = changesTree ? openTree(record) : std::nullopt;
+    GitCall call{.directory = record.path, .arguments = std::move(arguments), .timeoutMs = timeoutMs};
+    call.gitDirectory = gitDirectory.value_or(std::filesystem::path(record.path) / ".git");
+    if (gitDirectory) {
+        call.commonDirectory = source->repository.common().path();
+        call.writable.push_back(source->repository.common().handle());
+        if (tree) call.writable.push_back(tree->handle());
+    }
+    return git_.run(call);
 }
 
 /// Puts the tree on disk. Empty on success, otherwise the error's text. The tree is made empty and filled apart, so
 /// that the long step has a time limit of its own.
-std::string WorktreeService::fillTree(const std::filesystem::path& source, const WorktreeRecord& record) const {
-    const auto added = changeRepository(source, {"worktree", "add", "--no-checkout", "-b", record.branch, record.path},
-                                        timeouts_.addMs);
+std::string WorktreeService::fillTree(const Source& source, const WorktreeRecord& record) const {
+    const auto added = changeRepository(
+        source, record, {"worktree", "add", "--no-checkout", "-b", record.branch, record.path}, timeouts_.addMs);
     if (!WorktreeGit::succeeded(added)) return WorktreeGit::failureText("创建工作树失败", added);
-    const auto filled = git_.run(record.path, {"checkout"}, timeouts_.checkoutMs);
+    const auto filled = runInTree(&source, record, {"checkout"}, timeouts_.checkoutMs, true);
     if (!WorktreeGit::succeeded(filled)) return WorktreeGit::failureText("填充工作树失败", filled);
     return {};
 }
@@ -133,26 +187,38 @@ std::string WorktreeService::registerTree(WorktreeRecord& record, const Workspac
     }
 }
 
-void WorktreeService::cleanUp(const std::filesystem::path& source, const WorktreeRecord& record) const {
-    const auto removed = changeRepository(source, {"worktree", "remove", "--force", record.path}, timeouts_.cleanUpMs);
-    // An attempt that was cut short may have left a directory that git doesn't take for a tree.
-    if (!WorktreeGit::succeeded(removed)) removeDirectory(record);
-    changeRepository(source, {"branch", "-D", record.branch}, timeouts_.deleteBranchMs);
+/// Removes directory, entry in the repository and branch, each as far as it is there. Git may not write the directory
+/// of all trees, so that of the tree is always left for removeDirectory(), as it is by an attempt that was cut short.
+/// It also refuses what it finds locked, which an addition is that was killed, and its branch with it.
+void WorktreeService::discard(const Source* source, const WorktreeRecord& record, std::int32_t timeoutMs) const {
+    if (source != nullptr) {
+        changeRepository(*source, record, {"worktree", "remove", "--force", record.path}, timeoutMs);
+    }
+    removeDirectory(record);
+    if (source == nullptr) return;
+    if (const auto error = source->repository.forget(record)) {
+        log(LogLevel::Warn, "worktree " + record.id + " stays in its repository's list: " + error.message());
+    }
+    changeRepository(*source, record, {"branch", "-D", record.branch}, timeouts_.deleteBranchMs);
 }
 
 WorktreeService::RemoveResult WorktreeService::remove(const std::string& id, bool force) {
     const auto record = find(id);
     if (!record) return notRemoved(false, "未知的 worktree：" + id);
-    const auto source = workspaces_.find(record->sourceWorkspace);
-    const bool changed = hasUncommittedChanges(*record);
+    std::optional<Source> source;
+    if (const auto workspace = workspaces_.find(record->sourceWorkspace)) {
+        auto repository = WorktreeRepository::find(workspace->hostPath, dataDir_ / "worktrees");
+        if (repository) source = Source{workspace->hostPath, std::move(*repository)};
+    }
+    const Source* from = source ? &*source : nullptr;
+    const bool changed = hasUncommittedChanges(from, *record);
+    if (git_.isShutDown()) return notRemoved(changed, kStopping);
     if (changed && !force) {
         return notRemoved(true, "工作树内还有未提交的改动；确认要丢弃请用 force=true");
     }
-    const bool removedByGit =
-        source && WorktreeGit::succeeded(changeRepository(
-                      source->hostPath, {"worktree", "remove", "--force", record->path}, timeouts_.removeMs));
-    if (!removedByGit) removeDirectory(*record);
-    if (source) changeRepository(source->hostPath, {"branch", "-D", record->branch}, timeouts_.deleteBranchMs);
+    discard(from, *record, timeouts_.removeMs);
+    // The record stays, so that what is left can be taken back after the next start.
+    if (git_.isShutDown()) return notRemoved(changed, kStopping);
     forgetWorkspace(record->workspaceId);
 
     const std::lock_guard lock(mutex_);
@@ -163,23 +229,39 @@ WorktreeService::RemoveResult WorktreeService::remove(const std::string& id, boo
 
 /// A tree whose state can't be told, because it was deleted by hand or its repository is gone, has none: otherwise it
 /// could never be given back.
-bool WorktreeService::hasUncommittedChanges(const WorktreeRecord& record) const {
-    const auto status = git_.run(record.path, {"status", "--porcelain"}, timeouts_.statusMs);
+bool WorktreeService::hasUncommittedChanges(const Source* source, const WorktreeRecord& record) const {
+    const auto status = runInTree(source, record, {"status", "--porcelain"}, timeouts_.statusMs, false);
     if (WorktreeGit::succeeded(status)) return !status.stdoutText.empty();
     log(LogLevel::Warn, WorktreeGit::failureText("state of worktree " + record.id + " unknown", status));
     return false;
 }
 
-/// Removes the tree's directory without git. The only directory that can be meant is the one named by the id among all
-/// trees; a record that says otherwise removes nothing.
+/// Opens the directory of all trees. Empty unless the record's path is the one that its id names there: a record that
+/// says otherwise stands for no directory. What leads there is compared by its inode, for a path can be written in many
+/// ways.
+UniqueFd WorktreeService::openTrees(const WorktreeRecord& record) const {
+    const std::filesystem::path path = record.path;
+    UniqueFd trees(::open((dataDir_ / "worktrees").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!trees) return {};
+    if (!isWorktreeDirectoryName(record.id) || path.filename() != record.id ||
+        directoryId(path.parent_path()) != directoryId(trees.get())) {
+        errno = EINVAL;
+        return {};
+    }
+    return trees;
+}
+
+/// The tree's own directory; nothing if that is gone, or something else stands in its place.
+std::optional<PinnedDirectory> WorktreeService::openTree(const WorktreeRecord& record) const {
+    const UniqueFd trees = openTrees(record);
+    return trees ? PinnedDirectory::openEntry(trees.get(), record.id) : std::nullopt;
+}
+
 void WorktreeService::removeDirectory(const WorktreeRecord& record) const {
-    const std::filesystem::path trees = dataDir_ / "worktrees";
-    const UniqueFd parent(::open(trees.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd trees = openTrees(record);
     std::error_code error;
-    if (!isWorktreeId(record.id) || record.path != (trees / record.id).string()) {
-        error = std::make_error_code(std::errc::invalid_argument);
-    } else if (parent) {
-        error = removeTreeAt(parent.get(), record.id);
+    if (trees) {
+        error = removeTreeAt(trees.get(), record.id);
     } else if (errno != ENOENT) {
         error = {errno, std::generic_category()};
     }

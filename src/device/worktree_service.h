@@ -3,14 +3,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "device/pinned_directory.h"
 #include "device/worktree_git.h"
 #include "device/worktree_record.h"
+#include "device/worktree_repository.h"
 #include "util/clock.h"
+#include "util/unique_fd.h"
 
 namespace qm {
 
@@ -31,8 +36,8 @@ struct WorktreeTimeouts {
 /// Derives isolated git worktrees from workspaces, each on a branch of its own and registered as a workspace, so that
 /// parallel work doesn't collide. Trees have leases; those that ran out are reclaimed at the next start.
 ///
-/// The table of trees is kept in `<data directory>/worktrees.json`. Any thread may call anything. What takes git long,
-/// the filling of a tree and the search for changes in one, runs side by side.
+/// The table of trees is kept in `<data directory>/worktrees.json`. Any thread may call anything. Calls of git run side
+/// by side, but for those that change one repository's list of trees or branches.
 class WorktreeService {
 public:
     static constexpr std::size_t kMaxTrees = 8;
@@ -71,26 +76,43 @@ public:
     /// Takes back, with whatever they hold, the trees whose lease had run out at `nowMs`. One log line each.
     void prune(std::int64_t nowMs);
 
+    /// Ends every git that runs and lets operations that need one fail, those in progress included, so that they return
+    /// soon. What a tree holds stays unless its removal had begun.
+    void shutdown() { git_.shutdown(); }
+
 private:
-    ProcessResult changeRepository(const std::filesystem::path& source, const std::vector<std::string>& arguments,
-                                   std::int32_t timeoutMs) const;
-    std::string fillTree(const std::filesystem::path& source, const WorktreeRecord& record) const;
+    /// Where a tree is derived from.
+    struct Source {
+        std::filesystem::path path;
+        WorktreeRepository repository;
+    };
+
+    std::optional<Source> findSource(const std::filesystem::path& path) const;
+    std::shared_ptr<std::mutex> mutexOf(const DirectoryId& repository) const;
+    ProcessResult changeRepository(const Source& source, const WorktreeRecord& record,
+                                   std::vector<std::string> arguments, std::int32_t timeoutMs) const;
+    ProcessResult runInTree(const Source* source, const WorktreeRecord& record, std::vector<std::string> arguments,
+                            std::int32_t timeoutMs, bool changesTree) const;
+    std::string fillTree(const Source& source, const WorktreeRecord& record) const;
     std::string registerTree(WorktreeRecord& record, const Workspace& source) const;
-    void cleanUp(const std::filesystem::path& source, const WorktreeRecord& record) const;
-    bool hasUncommittedChanges(const WorktreeRecord& record) const;
+    void discard(const Source* source, const WorktreeRecord& record, std::int32_t timeoutMs) const;
+    bool hasUncommittedChanges(const Source* source, const WorktreeRecord& record) const;
+    UniqueFd openTrees(const WorktreeRecord& record) const;
+    std::optional<PinnedDirectory> openTree(const WorktreeRecord& record) const;
     void removeDirectory(const WorktreeRecord& record) const;
     void forgetWorkspace(const std::string& workspaceId) const;
     std::optional<WorktreeRecord> find(const std::string& id) const;
     void save() const;
 
-    const std::filesystem::path dataDir_;  ///< Absolute: git is run in other directories.
+    const std::filesystem::path dataDir_;  ///< Absolute, because git is run in other directories, and free of links.
     WorkspaceRegistry& workspaces_;
     const WorktreeTimeouts timeouts_;
     const ClockMs clock_;
-    const WorktreeGit git_;
-    mutable std::mutex repositoryMutex_;  ///< Held by whoever has git change a repository's trees or branches.
-    mutable std::mutex mutex_;            ///< Guards the table and its file; never held while git runs.
+    WorktreeGit git_;
+    mutable std::mutex mutex_;  ///< Guards the table and its file; never held while git runs.
     std::vector<WorktreeRecord> trees_;
+    mutable std::mutex repositoriesMutex_;                                   ///< Guards the next; held for a look only.
+    mutable std::map<DirectoryId, std::weak_ptr<std::mutex>> repositories_;  ///< Those that git changes now.
 };
 
 }  // namespace qm

@@ -30,6 +30,14 @@ protected:
                    (directory_ / "calls").string() + "'\nexec \"$REAL_GIT\" \"$@\"\n");
     }
 
+    GitCall status() const {
+        GitCall call;
+        call.directory = directory_.path();
+        call.arguments = {"status"};
+        call.timeoutMs = 60'000;
+        return call;
+    }
+
     std::vector<std::string> calls() {
         std::vector<std::string> lines;
         std::istringstream stream(readFile(directory_ / "calls"));
@@ -73,7 +81,7 @@ TEST_F(WorktreeGitCalls, InheritedGitVariablesAreDroppedAndOthersKept) {
     setenv("GIT_CONFIG_KEY_7", "core.editor", 1);
     setenv("GITHUB", "kept", 1);
 
-    std::istringstream lines(WorktreeGit("/trees").run(directory_.path(), {"status"}, 60'000).stdoutText);
+    std::istringstream lines(WorktreeGit("/trees").run(status()).stdoutText);
 
     Environment environment;
     for (std::string line; std::getline(lines, line);) {
@@ -82,17 +90,22 @@ TEST_F(WorktreeGitCalls, InheritedGitVariablesAreDroppedAndOthersKept) {
     }
     EXPECT_EQ(environment, (Environment{{"GITHUB", "kept"},
                                         {"GIT_CEILING_DIRECTORIES", "/trees"},
-                                        {"GIT_CONFIG_COUNT", "2"},
+                                        {"GIT_CONFIG_COUNT", "4"},
                                         {"GIT_CONFIG_KEY_0", "core.hooksPath"},
                                         {"GIT_CONFIG_VALUE_0", "/dev/null"},
                                         {"GIT_CONFIG_KEY_1", "core.fsmonitor"},
-                                        {"GIT_CONFIG_VALUE_1", "false"}}));
+                                        {"GIT_CONFIG_VALUE_1", "false"},
+                                        {"GIT_CONFIG_KEY_2", "status.showUntrackedFiles"},
+                                        {"GIT_CONFIG_VALUE_2", "normal"},
+                                        {"GIT_CONFIG_KEY_3", "diff.ignoreSubmodules"},
+                                        {"GIT_CONFIG_VALUE_3", "none"},
+                                        {"GIT_OPTIONAL_LOCKS", "0"}}));
 }
 
 TEST_F(WorktreeGitCalls, OutputBeyondTheCapIsDropped) {
     replaceGit("head -c 100000 /dev/zero | tr '\\0' x\n");
 
-    const auto result = WorktreeGit("/trees").run(directory_.path(), {"status"}, 60'000);
+    const auto result = WorktreeGit("/trees").run(status());
 
     EXPECT_EQ(result.stdoutText.size(), 98304U);
 }

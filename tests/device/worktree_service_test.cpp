@@ -264,10 +264,12 @@ TEST_F(Worktrees, NothingOutsideTheTreesIsRemovedWhateverTheTableSays) {
     writeFile(dataDir_ / "worktrees.json",
               dumpJson(json::array({record("wt_00000001", directory_ / "precious"), record("..", directory_.path()),
                                     record("wt_../../precious", trees() / "wt_../../precious"), record("wt_", trees()),
+                                    record("/", "/"), record(".", trees() / "."),
+                                    record(std::string("wt_aaaaaaaa\0", 12), trees() / "wt_aaaaaaaa"),
                                     record("", trees()), record("wt_00000002", trees() / "wt_aaaaaaaa"),
                                     record("wt_00000003", "/"), record("wt_00000004", "")})));
     service_.reload();
-    EXPECT_THAT(service_.list(), SizeIs(4));
+    EXPECT_THAT(service_.list(), SizeIs(10));
 
     for (const auto& tree : service_.list())
         EXPECT_TRUE(service_.remove(tree.id, true).ok);
