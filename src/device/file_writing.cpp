@@ -12,6 +12,7 @@
 
 #include "capabilities/capability_arguments.h"
 #include "capabilities/capability_result.h"
+#include "device/canonical_path.h"
 #include "device/filesystem_handlers.h"
 #include "device/line_changes.h"
 #include "device/workspace_files.h"
@@ -102,9 +103,12 @@ json makeDirectory(const WorkspaceRegistry& workspaces, const json& arguments) {
     if (!refusal.empty()) return failure(refusal);
 
     std::error_code error;
+    // A root that was lost comes back first, so that the rest is made below a descriptor of it as always.
+    const bool rootCreated = RootDirectory("/").makeDirectories(relativeTo("/", resolved.rootPath.native()), error);
+    if (error) return failure("创建目录失败");
     const bool created = RootDirectory(resolved.rootPath).makeDirectories(resolved.relativePath, error);
     if (error) return failure("创建目录失败");
-    return json{{"path", toStrictUtf8(resolved.relativePath)}, {"created", created}};
+    return json{{"path", toStrictUtf8(resolved.relativePath)}, {"created", rootCreated || created}};
 }
 
 }  // namespace qm

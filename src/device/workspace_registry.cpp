@@ -77,7 +77,7 @@ std::string lexicalRefusal(std::string_view path) {
     return {};
 }
 
-/// Canonical root and candidate; candidates that don't exist say how much of them is missing.
+/// Canonical root and candidate, either of which may be missing in part; of the candidate that counts the root too.
 struct Located {
     CanonicalPath root;
     CanonicalPath candidate;
@@ -97,13 +97,15 @@ Located locate(const std::filesystem::path& hostPath, std::string_view path) {
         located.root.path = root;
     } else {
         // Records that were written by hand may hold anything, a path relative to the working directory too.
-        std::error_code error;
-        const auto absolute = std::filesystem::absolute(hostPath, error);
-        located.root = followLinks("/", error ? root : std::string_view(absolute.native()));
+        const auto absolute = std::filesystem::absolute(hostPath, located.root.error);
+        if (located.root.error) return located;
+        located.root = followLinks("/", withoutTrailingSlashes(absolute.native()));
+        // What stops the way to the root stops the way through it.
+        located.candidate.error = located.root.error;
+        if (located.root.error) return located;
     }
-    if (located.root.error) return located;
     located.candidate = followLinks(located.root.path, path);
-    if (located.root.missing > 0) located.candidate.missing += located.root.missing;
+    located.candidate.missing += located.root.missing;
     return located;
 }
 
@@ -214,10 +216,8 @@ ResolvedPath WorkspaceRegistry::resolve(std::string_view id, std::string_view re
     if (auto refusal = lexicalRefusal(path); !refusal.empty()) return refuse(std::move(refusal));
 
     const auto [root, candidate] = locate(workspace->hostPath, path);
-    const auto& error = root.error ? root.error : candidate.error;
-    if (error) return refuse("无法解析路径：" + error.message());
-    // Whoever creates directories in a workspace doesn't mean to create the workspace.
-    if (root.missing > 0 && mode == ResolveMode::MayBeMissing) return refuse("工作区根目录不可用");
+    if (candidate.error) return refuse("无法解析路径：" + candidate.error.message());
+    if (root.error) return refuse("工作区根目录不可用");
     if (!isWithin(root.path, candidate.path)) return refuse("路径逃逸出工作区，已拒绝。");
     if (mode == ResolveMode::MustExist && candidate.missing > 0) return refuse("路径不存在：" + path);
     if (mode == ResolveMode::ParentMustExist && candidate.missing > 1) return refuse("上级目录不存在：" + path);

@@ -33,7 +33,7 @@ struct ResolvedPath {
     std::filesystem::path hostPath;  ///< Absolute path on the host; never shown to agents.
     std::string relativePath;        ///< Relative to the workspace root with "/"; empty for the root itself.
     std::string error;
-    std::filesystem::path rootPath;  ///< Canonical root of the workspace, to open `relativePath` below it.
+    std::filesystem::path rootPath;  ///< Canonical root, to open `relativePath` below it; may be missing itself.
     bool namesLink = false;          ///< The path as it was given names a symbolic link.
 };
 

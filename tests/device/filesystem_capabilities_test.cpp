@@ -335,10 +335,32 @@ TEST_F(FilesystemCapabilities, MakeDirectoryFailsWhereAFileStands) {
     EXPECT_EQ(error("make_directory", {{"workspace", id}, {"path", "file/sub"}}), "创建目录失败");
 }
 
-TEST_F(FilesystemCapabilities, MakeDirectoryDoesNotBringBackALostRoot) {
+TEST_F(FilesystemCapabilities, MakeDirectoryBringsBackALostRoot) {
     fs::remove(root);
-    EXPECT_EQ(error("make_directory", {{"workspace", id}, {"path", "x"}}), "工作区根目录不可用");
-    EXPECT_FALSE(fs::exists(root));
+    EXPECT_EQ(call("make_directory", {{"workspace", id}, {"path", "a/b"}}), json({{"path", "a/b"}, {"created", true}}));
+    EXPECT_TRUE(fs::is_directory(root / "a/b"));
+    fs::remove_all(root);
+    EXPECT_EQ(call("make_directory", {{"workspace", id}}), json({{"path", ""}, {"created", true}}));
+    EXPECT_TRUE(fs::is_empty(root));
+    EXPECT_EQ(call("make_directory", {{"workspace", id}}), json({{"path", ""}, {"created", false}}));
+}
+
+TEST_F(FilesystemCapabilities, MakeDirectoryBringsBackARootWithTheDirectoriesAboveIt) {
+    fs::create_directories(directory / "above/deep");
+    const auto added = registry.add((directory / "above/deep").native(), "", WorkspacePermission::READ_WRITE).workspace;
+    ASSERT_TRUE(added);
+    fs::remove_all(directory / "above");
+    EXPECT_EQ(call("make_directory", {{"workspace", added->id}, {"path", "x"}}),
+              json({{"path", "x"}, {"created", true}}));
+    EXPECT_TRUE(fs::is_directory(directory / "above/deep/x"));
+}
+
+TEST_F(FilesystemCapabilities, MakeDirectoryFailsWhereAFileStandsInPlaceOfTheRoot) {
+    fs::remove(root);
+    writeFile(root, "x");
+    for (const auto* const path : {"", "x"}) {
+        EXPECT_EQ(error("make_directory", {{"workspace", id}, {"path", path}}), "创建目录失败");
+    }
 }
 
 TEST_F(FilesystemCapabilities, MakeDirectoryAndWriteFileNeedReadWrite) {

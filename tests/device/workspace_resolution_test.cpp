@@ -222,12 +222,19 @@ TEST_F(Resolution, ADirectoryThatMayNotBeEnteredCannotBeResolved) {
     fs::permissions(root / "closed", fs::perms::owner_all);
 }
 
-TEST_F(Resolution, AWorkspaceWhoseRootIsGoneHasNoPathsAndIsNotMadeAnew) {
+TEST_F(Resolution, AWorkspaceWhoseRootIsGoneHasNoPathsButSomeThatMayBeMissing) {
     fs::remove(root);
     EXPECT_EQ(resolve("").error, "路径不存在：");
     EXPECT_EQ(resolve("file").error, "路径不存在：file");
     EXPECT_EQ(resolve("file", ResolveMode::ParentMustExist).error, "上级目录不存在：file");
-    EXPECT_EQ(resolve("dir", ResolveMode::MayBeMissing).error, "工作区根目录不可用");
+    for (const std::string path : {"", "dir", "dir/deeper"}) {
+        const auto resolved = resolve(path, ResolveMode::MayBeMissing);
+        ASSERT_TRUE(resolved.ok) << resolved.error;
+        EXPECT_EQ(resolved.rootPath, root);
+        EXPECT_EQ(resolved.hostPath, path.empty() ? root : root / path);
+        EXPECT_EQ(resolved.relativePath, path);
+    }
+    EXPECT_EQ(resolve("../x", ResolveMode::MayBeMissing).error, kNoParent);
 }
 
 TEST_F(Resolution, ARootThatBecameALinkIsFollowedToItsNewPlace) {
@@ -245,6 +252,15 @@ TEST_F(Resolution, ARootThatBecameALoopCannotBeResolved) {
     fs::remove(root);
     fs::create_symlink("root", root);
     EXPECT_EQ(resolve("x").error, "无法解析路径：Too many levels of symbolic links");
+}
+
+TEST_F(Resolution, ARootBehindAClosedDirectoryCannotBeResolved) {
+    fs::permissions(directory.path(), fs::perms::none);
+    {
+        const test::AsOrdinaryUser user;
+        EXPECT_EQ(resolve("x").error, "无法解析路径：Permission denied");
+    }
+    fs::permissions(directory.path(), fs::perms::owner_all);
 }
 
 TEST_F(Resolution, TheWholeMachineMayBeAWorkspace) {
@@ -285,6 +301,28 @@ TEST(WorkspaceResolution, ARelativeRootWrittenByHandStandsBelowTheWorkingDirecto
     WorkspaceRegistry registry(directory.path());
     registry.load();
     EXPECT_EQ(registry.resolve("ws_1", "", ResolveMode::MustExist).hostPath, fs::current_path());
+}
+
+TEST(WorkspaceResolution, ARelativeRootCannotBeFoundOnceTheWorkingDirectoryIsGone) {
+    const TemporaryDirectory directory;
+    writeFile(directory / "workspaces.json", R"({"workspaces": [{"id": "ws_1", "hostPath": "sub"}]})");
+    WorkspaceRegistry registry(directory.path());
+    registry.load();
+    const fs::path before = fs::current_path();
+    fs::create_directory(directory / "working");
+    fs::current_path(directory / "working");
+    fs::remove(directory / "working");
+    for (const auto mode : {ResolveMode::MustExist, ResolveMode::ParentMustExist, ResolveMode::MayBeMissing}) {
+        EXPECT_EQ(registry.resolve("ws_1", "x", mode).error, "工作区根目录不可用");
+    }
+    fs::current_path(before);
+}
+
+TEST_F(Resolution, OnlySpacesTabsAndLineEndsAreTrimmed) {
+    for (const auto* const path : {"\f", "\v"})
+        EXPECT_EQ(resolve(path).error, "路径不存在：" + std::string(path));
+    writeFile(root / "\ffile\v", "");
+    EXPECT_EQ(resolve(" \t\r\n\ffile\v\n\r\t ").relativePath, "\ffile\v");
 }
 
 TEST_F(Resolution, AnOrdinaryPathIsPresumedWhereResolutionFindsIt) {
