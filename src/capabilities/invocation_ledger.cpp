@@ -109,12 +109,18 @@ void InvocationLedger::withdrawTurn(Checkpoint& checkpoint) {
     {
         const std::lock_guard lock(mutex_);
         checkpoint.state = Checkpoint::State::Failed;
-        const auto run = turnRuns_.find(checkpoint.turn.runId);
-        if (run != turnRuns_.end() && run->second.round == checkpoint.turn.round) {
-            run->second.workspaces.erase(checkpoint.turn.workspace);
-        }
+        forget(checkpoint);
     }
     checkpointSettled_.notify_all();
+}
+
+void InvocationLedger::forget(const Checkpoint& checkpoint) {
+    const auto run = turnRuns_.find(checkpoint.turn.runId);
+    if (run == turnRuns_.end()) return;
+    auto& workspaces = run->second.workspaces;
+    const auto slot = workspaces.find(checkpoint.turn.workspace);
+    // The run may have been in another round and come back: the slot is another claim's then.
+    if (slot != workspaces.end() && slot->second.get() == &checkpoint) workspaces.erase(slot);
 }
 
 }  // namespace qm

@@ -60,13 +60,15 @@ public:
     };
 
     /// Claims the one checkpoint of `turn`. While another caller makes it this waits for the outcome, and claims anew
-    /// if there was none: nobody writes before the way back exists.
+    /// if there was none: nobody writes before the way back exists. A run that has moved to another round, or had to
+    /// make room for others, is forgotten with the claims in it: they still settle for those who wait, but the same
+    /// turn can be granted once more meanwhile.
     TurnClaim claimTurn(const Turn& turn, const std::stop_token& stop = {});
 
     /// The checkpoint is there; those who wait for it go on. Never throws.
     void confirmTurn(Checkpoint& checkpoint);
 
-    /// The checkpoint failed: its turn can be claimed again, unless the run is in another round by now. Those who wait
+    /// The checkpoint failed: its turn can be claimed again, unless another claim has taken its place. Those who wait
     /// claim anew. Never throws.
     void withdrawTurn(Checkpoint& checkpoint);
 
@@ -83,6 +85,7 @@ private:
     void prune(std::int64_t nowMs);
     void pruneOldest(std::size_t excess);
     void pruneRuns(const std::string& currentRunId);
+    void forget(const Checkpoint& checkpoint);
 
     const InvocationLimits limits_;
     std::mutex mutex_;

@@ -252,6 +252,22 @@ TEST(TurnLedger, WithdrawingATurnOfAFormerRoundLeavesTheCurrentOneAlone) {
     EXPECT_EQ(ledger.claimTurn({"run", 2, "ws_a"}).answer, TurnAnswer::AlreadyMade);
 }
 
+TEST(TurnLedger, WithdrawingATurnThatWasClaimedAnewMeanwhileLeavesTheNewClaimAlone) {
+    InvocationLedger ledger;
+    const auto first = ledger.claimTurn({"run", 1, "ws_a"});
+    makeCheckpoint(ledger, {"run", 2, "ws_a"});
+    const auto again = ledger.claimTurn({"run", 1, "ws_a"});
+    ASSERT_EQ(again.answer, TurnAnswer::Granted);
+
+    ledger.withdrawTurn(*first.checkpoint);
+
+    std::stop_source stopped;
+    stopped.request_stop();
+    EXPECT_EQ(ledger.claimTurn({"run", 1, "ws_a"}, stopped.get_token()).answer, TurnAnswer::Cancelled);
+    ledger.confirmTurn(*again.checkpoint);
+    EXPECT_EQ(ledger.claimTurn({"run", 1, "ws_a"}).answer, TurnAnswer::AlreadyMade);
+}
+
 TEST(TurnLedger, SixtyFourRunsAreRemembered) {
     InvocationLedger ledger;
     for (int run = 0; run < 64; ++run)
