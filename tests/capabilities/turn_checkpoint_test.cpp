@@ -111,6 +111,25 @@ TEST_F(TurnCheckpoint, IsLeftOutWhereNothingMakesCheckpoints) {
     EXPECT_EQ(pipeline.invoke(turn(1)).at("ran"), true);
 }
 
+TEST_F(TurnCheckpoint, IsLeftOutForAWorkspaceThatIsClosedAfterTheCallWasAdmitted) {
+    // The first question for the time is the key's, behind admission and before the checkpoint.
+    InvocationPipeline pipeline(
+        registry_, workspaces_, disabled_,
+        [this](const Workspace& workspace, const std::string& label) { return checkpoint(workspace, label); },
+        InvocationLimits{},
+        [this] {
+            workspaces_.remove(handle_);
+            return now_.load();
+        });
+    auto invocation = turn(1);
+    invocation.idempotencyKey = "key-1";
+
+    EXPECT_EQ(pipeline.invoke(invocation).at("ran"), true);
+
+    EXPECT_FALSE(workspaces_.find(handle_));
+    EXPECT_THAT(checkpoints_, testing::IsEmpty());
+}
+
 TEST_F(TurnCheckpoint, ItsFailureRefusesTheCallAndFreesKeyAndTurn) {
     auto invocation = turn(1);
     invocation.idempotencyKey = "key-1";

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <filesystem>
@@ -173,6 +174,34 @@ TEST_F(WorkspaceFile, WhatOneRegistrySavesAnotherLoads) {
     EXPECT_EQ(second.list()[0].permission, WorkspacePermission::EXECUTE);
 }
 
+TEST_F(WorkspaceFile, IsOverwrittenInPlace) {
+    fs::create_directory(directory / "a");
+    WorkspaceRegistry registry(directory / "data");
+    const auto id = registry.add((directory / "a").native(), "A", WorkspacePermission::FULL).workspace->id;
+    struct stat before {};
+    ASSERT_EQ(::stat((directory / "data/workspaces.json").c_str(), &before), 0);
+
+    ASSERT_TRUE(registry.setPermission(id, WorkspacePermission::READ_ONLY));
+
+    struct stat after {};
+    ASSERT_EQ(::stat((directory / "data/workspaces.json").c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory / "data"), {}), 1);
+}
+
+TEST_F(WorkspaceFile, ALinkInItsPlaceStaysALink) {
+    fs::create_directory(directory / "a");
+    fs::create_directory(directory / "data");
+    writeFile(directory / "elsewhere.json", "{}");
+    fs::create_symlink("../elsewhere.json", directory / "data/workspaces.json");
+    WorkspaceRegistry registry(directory / "data");
+
+    const auto added = registry.add((directory / "a").native(), "A", WorkspacePermission::FULL).workspace;
+
+    EXPECT_TRUE(fs::is_symlink(directory / "data/workspaces.json"));
+    EXPECT_EQ(json::parse(readFile(directory / "elsewhere.json"))["workspaces"][0]["id"], added->id);
+}
+
 TEST_F(WorkspaceFile, ALabelThatIsNotUtf8IsSavedWithReplacementCharacters) {
     fs::create_directory(directory / "a");
     WorkspaceRegistry registry(directory.path());
@@ -228,6 +257,11 @@ TEST_F(WorkspaceTable, PathAndLabelAreTrimmed) {
     ASSERT_TRUE(added.workspace) << added.error;
     EXPECT_EQ(added.workspace->hostPath, directory.path());
     EXPECT_EQ(added.workspace->label, "My label");
+}
+
+TEST_F(WorkspaceTable, NothingButSpacesTabsAndLineEndsIsTrimmed) {
+    EXPECT_EQ(registry.add(directory.path().native(), " \fL\v ", WorkspacePermission::FULL).workspace->label, "\fL\v");
+    EXPECT_EQ(addError("\f"), "目录不存在：\f");
 }
 
 TEST_F(WorkspaceTable, WithoutALabelTheDirectoryNamesTheWorkspace) {
@@ -306,6 +340,17 @@ TEST_F(WorkspaceTable, ChangesAndLookUpsMayComeFromManyThreads) {
     }
     EXPECT_EQ(resolved.load(), 160);
     EXPECT_EQ(registry.list().size(), 4U);
+
+    // The last save of the table is that of its last state, whichever thread made it.
+    WorkspaceRegistry saved(directory / "data");
+    saved.load();
+    const auto ids = [](const WorkspaceRegistry& table) {
+        std::vector<std::string> found;
+        for (const auto& workspace : table.list())
+            found.push_back(workspace.id + " " + permissionName(workspace.permission));
+        return found;
+    };
+    EXPECT_EQ(ids(saved), ids(registry));
 }
 
 }  // namespace
