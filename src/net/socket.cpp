@@ -112,11 +112,10 @@ bool Socket::send(std::string_view bytes) {
         const auto step = writeStep(bytes);
         if (step.kind == IoStep::Kind::Done) {
             bytes.remove_prefix(step.bytes);
-        } else if (step.kind == IoStep::Kind::Failed || step.kind == IoStep::Kind::Ended) {
-            return failedToSend();
-        } else if (waitAfter(step, timeoutMs_) != 0) {
-            return failedToSend();
+            continue;
         }
+        const bool over = step.kind == IoStep::Kind::Failed || step.kind == IoStep::Kind::Ended;
+        if (over || waitAfter(step, timeoutMs_) != 0) return failedToSend();
     }
     return true;
 }

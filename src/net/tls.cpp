@@ -189,7 +189,7 @@ IoStep TlsStream::failure(int kind) {
 }
 
 std::string TlsStream::failureText() const {
-    const auto text = libraryErrorText();
+    auto text = libraryErrorText();
     if (!text.empty()) return text;
     return established_ && transport_.error != 0 ? std::generic_category().message(transport_.error) : kUnknownReason;
 }

@@ -6,9 +6,9 @@
 #include <future>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "support/promised.h"
+#include "support/run_on_threads.h"
 #include "support/tcp_peer.h"
 #include "support/wait_until.h"
 
@@ -29,7 +29,7 @@ constexpr int kShortMs = 50;
 class Exchange {
 public:
     explicit Exchange(std::size_t bodySize = 0, std::string answer = "HTTP/1.1 200 OK\r\n\r\nfine")
-        : peer_([this, bodySize, answer](PeerConnection& connection) {
+        : peer_([this, bodySize, answer = std::move(answer)](PeerConnection& connection) {
               auto request = connection.readUntil("\r\n\r\n");
               request += connection.readExactly(bodySize);
               request_.set_value(request);
@@ -307,16 +307,12 @@ TEST(HttpClient, EachCallIsAConnectionOfItsOwnOnAnyThread) {
         connection.send("HTTP/1.1 200 OK\r\n\r\n" + request.substr(4, request.find(' ', 4) - 4));
     });
     const HttpClient client(kLongMs);
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&peer, &client, i] {
-            for (int call = 0; call < 10; ++call) {
-                const auto path = "/" + std::to_string(i) + "/" + std::to_string(call);
-                EXPECT_EQ(client.get(peer.url("http", path)).body, path);
-            }
-        });
-    }
-    threads.clear();
+    test::runOnThreads(8, [&peer, &client](std::size_t number) {
+        for (int call = 0; call < 10; ++call) {
+            const auto path = "/" + std::to_string(number) + "/" + std::to_string(call);
+            EXPECT_EQ(client.get(peer.url("http", path)).body, path);
+        }
+    });
 
     EXPECT_EQ(peer.accepted(), 80U);
 }

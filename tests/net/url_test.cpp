@@ -88,7 +88,7 @@ TEST(Url, RandomBytesBehindASchemeNeverBreakThePromises) {
     for (int round = 0; round < 20000; ++round) {
         std::string text = "http://";
         for (int i = 0; i < 12; ++i)
-            text += static_cast<char>(random() % 4 == 0 ? ":/1a"[random() % 4] : random() % 256);
+            text += random() % 4 == 0 ? ":/1a"[random() % 4] : static_cast<char>(random() % 256);
         const auto url = parseUrl(text);
         if (!url) continue;
         ++accepted;

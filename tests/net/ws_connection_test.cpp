@@ -119,9 +119,9 @@ TEST(WsConnection, EachFrameHasAMaskOfItsOwn) {
     std::promise<std::vector<std::string>> masks;
     TcpPeer peer([&masks](PeerConnection& connection) {
         acceptWebSocket(connection);
-        std::vector<std::string> seen;
-        for (int i = 0; i < 3; ++i)
-            seen.push_back(readClientFrame(connection).mask);
+        std::vector<std::string> seen(3);
+        for (auto& mask : seen)
+            mask = readClientFrame(connection).mask;
         masks.set_value(seen);
     });
     const auto connection = connectTo(peer);

@@ -10,6 +10,7 @@
 
 #include "net/ws_connection.h"
 #include "support/promised.h"
+#include "support/run_on_threads.h"
 #include "support/tcp_peer.h"
 #include "support/wait_until.h"
 #include "support/ws_script.h"
@@ -81,6 +82,7 @@ TEST_P(WsThreads, FramesOfManyWritersAndTheEchoesOfThePeerNeverMix) {
     });
     const auto connection = connectTo(*peer);
     std::vector<std::jthread> writers;
+    writers.reserve(kWriters);
     for (int writer = 0; writer < kWriters; ++writer) {
         writers.emplace_back([&connection, writer] {
             for (int i = 0; i < kMessages; ++i) {
@@ -195,14 +197,10 @@ TEST_P(WsThreads, ManyThreadsThatCloseSendOneCloseFrame) {
         received.set_value(connection.readToEnd());
     });
     const auto connection = connectTo(*peer);
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&connection] {
-            connection->close();
-            EXPECT_FALSE(connection->sendText("too late"));
-        });
-    }
-    threads.clear();
+    test::runOnThreads(8, [&connection](std::size_t) {
+        connection->close();
+        EXPECT_FALSE(connection->sendText("too late"));
+    });
 
     const auto bytes = test::promised(received);
     ASSERT_EQ(bytes.size(), 6U);

@@ -13,7 +13,7 @@
 namespace qm::test {
 namespace {
 
-constexpr long kDaySeconds = 24 * 60 * 60;
+constexpr long kDaySeconds = 24L * 60 * 60;
 
 template <auto Free>
 struct Freed {

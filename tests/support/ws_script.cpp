@@ -49,7 +49,7 @@ std::string wsSwitchingAnswer(const std::string& request) {
 }
 
 std::string acceptWebSocket(PeerConnection& connection) {
-    const auto request = connection.readUntil("\r\n\r\n");
+    auto request = connection.readUntil("\r\n\r\n");
     connection.send(wsSwitchingAnswer(request));
     return request;
 }

@@ -62,7 +62,7 @@ std::string registration(const json& message) {
 }  // namespace
 
 std::string shortened(const json& value, std::size_t lines) {
-    const auto full = value.dump(2, ' ', false, json::error_handler_t::replace);
+    auto full = value.dump(2, ' ', false, json::error_handler_t::replace);
     std::size_t at = 0;
     for (std::size_t i = 0; i < lines; ++i) {
         at = full.find('\n', at);
