@@ -62,11 +62,6 @@ std::string descriptorsKeptOnExec() {
     return listing;
 }
 
-void makeScript(const std::filesystem::path& file, const std::string& text) {
-    writeFile(file, text);
-    std::filesystem::permissions(file, std::filesystem::perms::owner_all);
-}
-
 TEST(ProcessChild, SeesNoDescriptorsButTheStandardOnes) {
     const UniqueFd open(::open("/dev/null", O_RDONLY));  // NOLINT: inherited on purpose.
     ASSERT_TRUE(open);
@@ -105,20 +100,24 @@ TEST(ProcessChild, WorksForAProcessThatHasNoStandardStreamsItself) {
 }
 
 TEST(ProcessChild, StartsWithNoSignalBlockedOrIgnored) {
-    for (const int number : {SIGPIPE, SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGTTOU})
-        ::signal(number, SIG_IGN);
-    sigset_t all;
-    ::sigfillset(&all);
-    ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &all, nullptr), 0);
+    EXPECT_EQ(statusOfForked([] {
+                  for (const int number : {SIGPIPE, SIGHUP, SIGINT, SIGTERM, SIGUSR1, SIGTTOU})
+                      ::signal(number, SIG_IGN);
+                  sigset_t all;
+                  ::sigfillset(&all);
+                  EXPECT_EQ(::pthread_sigmask(SIG_SETMASK, &all, nullptr), 0);
 
-    const std::string status = runProcess(program({"cat", "/proc/self/status"})).stdoutText;
+                  const std::string status = runProcess(program({"cat", "/proc/self/status"})).stdoutText;
 
-    EXPECT_EQ(statusField(status, "SigBlk"), "0000000000000000");
-    EXPECT_EQ(statusField(status, "SigIgn"), "0000000000000000");
-    EXPECT_EQ(statusField(status, "SigPnd"), "0000000000000000");
-    sigset_t now;
-    ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &now), 0);
-    EXPECT_EQ(::sigismember(&now, SIGTERM), 1) << "the caller's own mask is put back";
+                  EXPECT_EQ(statusField(status, "SigBlk"), "0000000000000000");
+                  EXPECT_EQ(statusField(status, "SigIgn"), "0000000000000000");
+                  EXPECT_EQ(statusField(status, "SigPnd"), "0000000000000000");
+                  sigset_t now;
+                  EXPECT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &now), 0);
+                  EXPECT_EQ(::sigismember(&now, SIGTERM), 1) << "the caller's own mask is put back";
+                  return 0;
+              }),
+              0);
 }
 
 TEST(ProcessChild, HasNoLimitsOfASandboxThatWasNotAskedFor) {
@@ -156,13 +155,16 @@ TEST(ProcessChild, CannotOpenATerminalAlsoIfTheExecutorHasOne) {
 }
 
 TEST(ProcessChild, AWriterIntoAClosedPipeEndsQuietly) {
-    ::signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(statusOfForked([] {
+                  ::signal(SIGPIPE, SIG_IGN);
 
-    const ProcessResult result = runProcess(shell("yes | head -1"));
+                  const ProcessResult result = runProcess(shell("yes | head -1"));
 
-    EXPECT_EQ(result.stdoutText, "y\n");
-    EXPECT_EQ(result.stderrText, "");
-    EXPECT_EQ(result.exitCode, 0);
+                  EXPECT_EQ(result.stdoutText, "y\n");
+                  EXPECT_EQ(result.stderrText, "");
+                  return result.exitCode;
+              }),
+              0);
 }
 
 TEST(ProcessChild, ProgramsThatChangeProcessGroupsWork) {
@@ -170,102 +172,6 @@ TEST(ProcessChild, ProgramsThatChangeProcessGroupsWork) {
 
     EXPECT_EQ(result.exitCode, 124);
     EXPECT_LT(result.durationMs, 8000);
-}
-
-TEST(ProcessChild, InheritsTheEnvironmentIfNoneIsNamed) {
-    const test::EnvironmentKept environment;
-    ::setenv("QM_TEST_INHERITED", "yes", 1);
-
-    EXPECT_EQ(runProcess(shell("echo $QM_TEST_INHERITED")).stdoutText, "yes\n");
-}
-
-TEST(ProcessChild, GetsExactlyTheEnvironmentNamed) {
-    ProcessOptions options = program({"/usr/bin/env"});
-    options.env = {{{"B", "2=3"}, {"A", ""}}};
-
-    EXPECT_EQ(runProcess(options).stdoutText, "A=\nB=2=3\n");
-}
-
-TEST(ProcessChild, GetsAnEmptyEnvironmentIfThatIsNamed) {
-    const test::EnvironmentKept environment;
-    ::setenv("QM_TEST_INHERITED", "yes", 1);
-    ProcessOptions options = program({"/usr/bin/env"});
-    options.env.emplace();
-
-    const ProcessResult result = runProcess(options);
-
-    EXPECT_EQ(result.stdoutText, "");
-    EXPECT_EQ(result.exitCode, 0);
-}
-
-TEST(ProcessChild, GetsNoVariablesWhoseNamesNoneCanHave) {
-    ProcessOptions options = program({"/usr/bin/env"});
-    options.env = {{{"", "1"}, {"A=B", "2"}, {std::string("C\0D", 3), "3"}, {"E", "4"}}};
-
-    EXPECT_EQ(runProcess(options).stdoutText, "E=4\n");
-}
-
-TEST(ProcessChild, SeesNoPathThatItsEnvironmentDoesNotHold) {
-    ProcessOptions options = program({"env"});
-    options.env = {{{"A", "1"}}};
-
-    // Found through the system's default path all the same.
-    EXPECT_EQ(runProcess(options).stdoutText, "A=1\n");
-}
-
-TEST(ProcessChild, LooksForItsProgramInItsOwnEnvironmentAfterEnteringItsDirectory) {
-    const TemporaryDirectory directory;
-    makeScript(directory / "work/bin/tool", "#!/bin/sh\necho relative\n");
-    ProcessOptions options = program({"tool"});
-    options.cwd = directory / "work";
-    options.env = {{{"PATH", "/nowhere:bin"}}};
-
-    EXPECT_EQ(runProcess(options).stdoutText, "relative\n");
-}
-
-TEST(ProcessChild, TakesAnEmptyPathElementForItsDirectory) {
-    const TemporaryDirectory directory;
-    makeScript(directory / "tool", "#!/bin/sh\necho here\n");
-    for (const char* path : {"", ":/nowhere", "/nowhere::/elsewhere", "/nowhere:"}) {
-        ProcessOptions options = program({"tool"});
-        options.cwd = directory.path();
-        options.env = {{{"PATH", path}}};
-
-        EXPECT_EQ(runProcess(options).stdoutText, "here\n") << path;
-    }
-}
-
-TEST(ProcessChild, PassesOverFilesOfTheNameThatItMayNotExecute) {
-    const TemporaryDirectory directory;
-    writeFile(directory / "first/tool", "#!/bin/sh\necho first\n");
-    makeScript(directory / "second/tool", "#!/bin/sh\necho second\n");
-    writeFile(directory / "file", "");
-    ProcessOptions options = program({"tool"});
-    options.env = {{{"PATH", (directory / "file").string() + ":" + (directory / "first").string() + ":" +
-                                 (directory / "second").string()}}};
-
-    EXPECT_EQ(runProcess(options).stdoutText, "second\n");
-}
-
-TEST(ProcessChild, GivesAFileThatIsNoBinaryToTheShell) {
-    const TemporaryDirectory directory;
-    makeScript(directory / "tool", "echo \"$0|$1|$2|$#\"\n");
-    ProcessOptions searched = program({"tool", "a b", "c"});
-    searched.env = {{{"PATH", directory.path().string()}}};
-    const std::string file = (directory / "tool").string();
-
-    EXPECT_EQ(runProcess(searched).stdoutText, file + "|a b|c|2\n");
-    EXPECT_EQ(runProcess(program({file})).stdoutText, file + "|||0\n");
-}
-
-TEST(ProcessChild, DoesNotExecuteAFileWithoutTheRight) {
-    const TemporaryDirectory directory;
-    writeFile(directory / "tool", "#!/bin/sh\necho no\n");
-
-    const ProcessResult result = runProcess(program({(directory / "tool").string()}));
-
-    EXPECT_EQ(result.exitCode, 127);
-    EXPECT_EQ(result.stdoutText, "");
 }
 
 TEST(ProcessChild, DiesWithAProcessThatDiesAbruptly) {
@@ -285,19 +191,27 @@ TEST(ProcessChild, DiesWithAProcessThatDiesAbruptly) {
     EXPECT_EQ(awaitEnd(child), 128 + SIGKILL);
 }
 
+/// The hard limit of descriptors. Makes this process one that was started with a soft limit of 200 and has raised it.
+std::string startWith200Descriptors() {
+    rlimit limit{};
+    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_GT(limit.rlim_max, 200U);
+    limit.rlim_cur = 200;
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    prepareProcessHost();
+
+    rlimit raised{};
+    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &raised), 0);
+    EXPECT_EQ(raised.rlim_cur, limit.rlim_max);
+    return std::to_string(limit.rlim_max);
+}
+
 TEST(ProcessChild, GetsTheDescriptorLimitBackThatTheExecutorWasStartedWith) {
     EXPECT_EQ(statusOfForked([] {
-                  rlimit limit{};
-                  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max <= 200) return 2;
-                  limit.rlim_cur = 200;
-                  if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
-
-                  prepareProcessHost();
-
-                  rlimit raised{};
-                  if (::getrlimit(RLIMIT_NOFILE, &raised) != 0 || raised.rlim_cur != limit.rlim_max) return 4;
-                  const std::string expected = "200\n" + std::to_string(limit.rlim_max) + "\n";
-                  return runProcess(shell("ulimit -Sn; ulimit -Hn")).stdoutText == expected ? 0 : 1;
+                  const std::string hard = startWith200Descriptors();
+                  EXPECT_EQ(runProcess(shell("ulimit -Sn; ulimit -Hn")).stdoutText, "200\n" + hard + "\n");
+                  return 0;
               }),
               0);
 }
@@ -345,6 +259,21 @@ TEST(StartDetached, TheProcessOutlivesTheExecutor) {
     writeFile(go, "");
 
     EXPECT_EQ(awaitEnd(pidIn(directory / "gone")), 0);
+}
+
+TEST(StartDetached, TheProcessGetsTheDescriptorLimitBackThatTheExecutorWasStartedWith) {
+    const TemporaryDirectory directory;
+    const OrphanAdoption adoption;
+    const std::string script = "cd " + directory.path().string() + "; (ulimit -Sn; ulimit -Hn) > report; echo $$ > pid";
+
+    ASSERT_EQ(statusOfForked([&] {
+                  writeFile(directory / "expected", "200\n" + startWith200Descriptors() + "\n");
+                  return startDetached({"sh", "-c", script}).empty() ? 0 : 1;
+              }),
+              0);
+
+    EXPECT_EQ(awaitEnd(pidIn(directory / "pid")), 0);
+    EXPECT_EQ(readFile(directory / "report"), readFile(directory / "expected"));
 }
 
 TEST(StartDetached, AProgramThatIsNotThereIsNotNoticed) {

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/syscall.h>
 
+#include <atomic>
 #include <cerrno>
 #include <fstream>
 #include <memory>
@@ -388,8 +389,46 @@ TEST(RunProcess, AKillReachesAChildThatCannotReachItsProgram) {
     }
 }
 
+std::atomic<int> signalsTaken{0};
+
+/// A handler of SIGUSR1 that lets system calls fail with EINTR, while the object exists.
+class InterruptingHandler {
+public:
+    InterruptingHandler() {
+        struct sigaction handler {};
+        handler.sa_handler = [](int) { ++signalsTaken; };
+        EXPECT_EQ(::sigaction(SIGUSR1, &handler, &before_), 0);
+    }
+    ~InterruptingHandler() { EXPECT_EQ(::sigaction(SIGUSR1, &before_, nullptr), 0); }
+    InterruptingHandler(const InterruptingHandler&) = delete;
+    InterruptingHandler& operator=(const InterruptingHandler&) = delete;
+
+private:
+    struct sigaction before_ {};
+};
+
+TEST(RunProcess, SignalsDoNotCutItShort) {
+    const InterruptingHandler handler;
+    std::jthread interrupter([runner = ::pthread_self()](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            ::pthread_kill(runner, SIGUSR1);
+            std::this_thread::yield();
+        }
+    });
+
+    const ProcessResult result = runProcess(shell("echo early; sleep 0.3; echo late; exit 3"));
+
+    interrupter.request_stop();
+    interrupter.join();
+    EXPECT_GT(signalsTaken, 0);
+    EXPECT_EQ(result.stdoutText, "early\nlate\n");
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_FALSE(result.timedOut);
+}
+
 TEST(RunProcess, ManyRunsAtOnceKeepTheirOutputsApart) {
     std::vector<std::jthread> threads;
+    threads.reserve(16);
     for (int index = 0; index < 16; ++index) {
         threads.emplace_back([index] {
             for (int round = 0; round < 5; ++round) {

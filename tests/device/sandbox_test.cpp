@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -238,6 +239,37 @@ TEST_F(SandboxTest, AKernelOfTheFirstVersionWorksWithoutTheRightToMoveBetweenDir
         EXPECT_EQ(run(SandboxMode::WORKSPACE, "ln a/two b/two").exitCode, 1);
     });
     EXPECT_FALSE(fs::exists(workspace / "b/two"));
+}
+
+TEST_F(SandboxTest, RightsOfLaterKernelsAreNotTakenAway) {
+    // Such a kernel knows a right to cut files short, which is beyond the mask.
+    EXPECT_EQ(
+        statusInside(SandboxMode::READ_ONLY, [&] { return ::truncate((outside / "old").c_str(), 1) == 0 ? 0 : 1; }), 0);
+    EXPECT_EQ(test::readFile(outside / "old"), "o");
+}
+
+/// Makes `root` the root directory of the calling process, for which it takes a user namespace if it has to.
+bool enterRoot(const fs::path& root) {
+    if (::chroot(root.c_str()) != 0 && (::unshare(CLONE_NEWUSER) != 0 || ::chroot(root.c_str()) != 0)) return false;
+    return ::chdir("/") == 0;
+}
+
+TEST_F(SandboxTest, ASystemWithoutTmpAndDevicesIsNoFailure) {
+    const auto statusBelow = [&](const fs::path& root) {
+        return statusOfForked([&] {
+            if (!enterRoot(root)) return 2;
+            if (!applySandbox(planSandbox(SandboxMode::WORKSPACE, "/workspace"))) return 3;
+            if (!UniqueFd(::open("/workspace/new", O_WRONLY | O_CREAT | O_CLOEXEC, 0600))) return 4;
+            return UniqueFd(::open("/outside/new", O_WRONLY | O_CREAT | O_CLOEXEC, 0600)) ? 5 : 0;
+        });
+    };
+    const fs::path root = workspace.parent_path();
+
+    EXPECT_EQ(statusBelow(root), 0);
+    // No rule for a directory can be made of a file.
+    writeFile(root / "tmp", "");
+    writeFile(root / "dev", "");
+    EXPECT_EQ(statusBelow(root), 0);
 }
 
 TEST_F(SandboxTest, ReadOnlyModeWritesNowhere) {
