@@ -223,7 +223,8 @@ private:
     void hold(PeerConnection& connection) {
         acceptAndRegister(connection);
         std::unique_lock lock(mutex_);
-        holding_ = true;
+        // grind() may have come since this connection was chosen to be held.
+        holding_ = left_ == 0;
         changed_.notify_all();
         changed_.wait(lock, [this] { return left_ > 0 || finished_; });
     }
@@ -258,9 +259,14 @@ private:
     std::jthread thread_;
 };
 
-std::size_t entriesOf(const char* directory) {
-    const std::filesystem::directory_iterator entries(directory);
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+/// What the process has open, by the kernel's names.
+std::vector<std::string> openDescriptors() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code closedMeanwhile;
+        names.push_back(std::filesystem::read_symlink(entry.path(), closedMeanwhile).string());
+    }
+    return names;
 }
 
 /// As the kernel counts them; listing them would miss one while another ends.
@@ -282,13 +288,14 @@ TEST(ExecutorCoreFaults, AThousandSessionsLeaveNothingBehind) {
     running.start();
     ASSERT_TRUE(gateway.grind(150));  // Allocators and caches have settled after these.
     EXPECT_TRUE(test::waitUntil([&] { return threadCount() == threads; })) << threadCount();
-    const std::size_t descriptors = entriesOf("/proc/self/fd");
+    const auto descriptors = openDescriptors();
     const std::uint64_t resident = residentBytes();
 
     ASSERT_TRUE(gateway.grind(1000));
 
     EXPECT_TRUE(test::waitUntil([&] { return threadCount() == threads; })) << threadCount();
-    EXPECT_TRUE(test::waitUntil([&] { return entriesOf("/proc/self/fd") <= descriptors; })) << descriptors;
+    EXPECT_TRUE(test::waitUntil([&] { return openDescriptors().size() <= descriptors.size(); }))
+        << testing::PrintToString(descriptors) << " became " << testing::PrintToString(openDescriptors());
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LT(residentBytes(), resident + (2U << 20));
 #endif
