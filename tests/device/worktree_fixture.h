@@ -80,14 +80,16 @@ protected:
     /// Puts a program in front of the real git that runs `script` (of /bin/sh) with git's arguments. The real one is
     /// "$REAL_GIT".
     void replaceGit(const std::string& script) {
-        ProcessOptions which;
-        which.command = "command -v git";
-        std::string real = runProcess(which).stdoutText;
-        real.pop_back();
-        setenv("REAL_GIT", real.c_str(), 1);
+        if (getenv("REAL_GIT") == nullptr) {
+            ProcessOptions which;
+            which.command = "command -v git";
+            std::string real = runProcess(which).stdoutText;
+            real.pop_back();
+            setenv("REAL_GIT", real.c_str(), 1);
+            setenv("PATH", ((directory_ / "bin").string() + ":" + getenv("PATH")).c_str(), 1);
+        }
         writeFile(directory_ / "bin/git", "#!/bin/sh\n" + script);
         ASSERT_EQ(chmod((directory_ / "bin/git").c_str(), 0755), 0);
-        setenv("PATH", ((directory_ / "bin").string() + ":" + getenv("PATH")).c_str(), 1);
     }
 
     static std::map<std::string, std::string> currentEnvironment() {

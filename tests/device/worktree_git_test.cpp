@@ -25,9 +25,9 @@ ProcessResult ended(int exitCode, std::string errors) {
 class WorktreeGitCalls : public WorktreeTest {
 protected:
     /// Lets every call of git leave its arguments, one a line, in the file "calls".
-    void recordCalls() {
+    void recordCalls(const std::string& more = "") {
         replaceGit("printf '%s|' \"$PWD\" \"$@\" >> '" + (directory_ / "calls").string() + "'\necho >> '" +
-                   (directory_ / "calls").string() + "'\nexec \"$REAL_GIT\" \"$@\"\n");
+                   (directory_ / "calls").string() + "'\n" + more + "exec \"$REAL_GIT\" \"$@\"\n");
     }
 
     GitCall status() const {
@@ -60,6 +60,25 @@ TEST_F(WorktreeGitCalls, ArgumentsAndDirectoriesAreExactlyThoseOfTheTable) {
                                      tree.path + "|checkout|", tree.path + "|status|--porcelain|",
                                      source + "worktree|remove|--force|" + tree.path + "|",
                                      source + "branch|-D|" + tree.branch + "|"));
+}
+
+TEST_F(WorktreeGitCalls, AFailedCheckoutIsCleanedUpByTheCallsOfTheTable) {
+    recordCalls("[ \"$1\" = checkout ] && exit 1\n");
+
+    service_.create(source_, "", 0);
+
+    const std::string source = repository_.string() + "|";
+    const std::string tree = trees().string() + "/wt_[0-9a-z]+[|]";
+    const auto matches = [](const std::string& text) { return testing::MatchesRegex(text); };
+    std::string start;
+    for (const char character : source)
+        start += character == '|' || character == '.' ? std::string("[") + character + "]" : std::string(1, character);
+    const std::string branch = "quillmarsh/wt_[0-9a-z]+[|]";
+    EXPECT_THAT(calls(), testing::ElementsAre(matches(start + "rev-parse[|]--git-dir[|]"),
+                                              matches(start + "worktree[|]add[|]--no-checkout[|]-b[|]" + branch + tree),
+                                              matches(tree + "checkout[|]"),
+                                              matches(start + "worktree[|]remove[|]--force[|]" + tree),
+                                              matches(start + "branch[|]-D[|]" + branch)));
 }
 
 TEST_F(WorktreeGitCalls, TheTimeLimitsAreThoseOfTheTable) {
@@ -100,6 +119,40 @@ TEST_F(WorktreeGitCalls, InheritedGitVariablesAreDroppedAndOthersKept) {
                                         {"GIT_CONFIG_KEY_3", "diff.ignoreSubmodules"},
                                         {"GIT_CONFIG_VALUE_3", "none"},
                                         {"GIT_OPTIONAL_LOCKS", "0"}}));
+}
+
+TEST_F(WorktreeGitCalls, ACeilingThatAListCanNotHoldIsLeftOut) {
+    replaceGit("exec env\n");
+
+    EXPECT_THAT(WorktreeGit("/tre:es").run(status()).stdoutText,
+                testing::Not(testing::HasSubstr("GIT_CEILING_DIRECTORIES")));
+}
+
+TEST_F(WorktreeGitCalls, TheRepositoryIsNamedInTheSourceAndInTheTree) {
+    replaceGit("echo \"$1 $2 $GIT_DIR $GIT_COMMON_DIR\" >> '" + (directory_ / "dirs").string() +
+               "'\nexec \"$REAL_GIT\" \"$@\"\n");
+
+    const auto tree = create();
+    service_.remove(tree.id, false);
+
+    const std::string common = (repository_ / ".git").string();
+    const std::string own = common + "/worktrees/" + tree.id + " " + common + "\n";
+    EXPECT_EQ(readFile(directory_ / "dirs"), "rev-parse --git-dir  \nworktree add " + common + " \ncheckout  " + own +
+                                                 "status --porcelain " + own + "worktree remove " + common +
+                                                 " \nbranch -D " + common + " \n");
+}
+
+TEST_F(WorktreeGitCalls, AfterShutdownNothingIsStarted) {
+    recordCalls();
+    WorktreeGit git("/trees");
+    git.shutdown();
+
+    const auto result = git.run(status());
+
+    EXPECT_FALSE(result.started);
+    EXPECT_TRUE(result.cancelled);
+    EXPECT_TRUE(git.isShutDown());
+    EXPECT_FALSE(std::filesystem::exists(directory_ / "calls"));
 }
 
 TEST_F(WorktreeGitCalls, OutputBeyondTheCapIsDropped) {

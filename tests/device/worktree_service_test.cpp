@@ -224,6 +224,22 @@ TEST_F(Worktrees, UncommittedWorkKeepsATreeUnlessForced) {
     EXPECT_TRUE(nothingIsLeft());
 }
 
+TEST_F(Worktrees, NewFilesAndSubmodulesCountWhateverTheConfigurationHides) {
+    git({"config", "status.showUntrackedFiles", "no"});
+    git({"config", "diff.ignoreSubmodules", "all"});
+    const auto tree = create();
+    writeFile(fs::path(tree.path) / "new", "work");
+
+    EXPECT_TRUE(service_.remove(tree.id, false).hadUncommittedChanges);
+
+    EXPECT_EQ(readFile(fs::path(tree.path) / "new"), "work");
+    fs::remove(fs::path(tree.path) / "new");
+    gitIn(tree.path, {"-c", "protocol.file.allow=always", "submodule", "--quiet", "add", repository_.string(), "sub"});
+    gitIn(tree.path, {"commit", "-q", "-m", "with a submodule"});
+    gitIn(fs::path(tree.path) / "sub", {"commit", "-q", "--allow-empty", "-m", "new"});
+    EXPECT_TRUE(service_.remove(tree.id, false).hadUncommittedChanges);
+}
+
 TEST_F(Worktrees, ATreeDeletedByHandCanStillBeReturned) {
     const auto tree = create();
     fs::remove_all(tree.path);
@@ -277,6 +293,59 @@ TEST_F(Worktrees, NothingOutsideTheTreesIsRemovedWhateverTheTableSays) {
     EXPECT_EQ(readFile(directory_ / "precious/file"), "kept");
     EXPECT_EQ(readFile(trees() / "wt_aaaaaaaa/file"), "another tree");
     EXPECT_TRUE(fs::exists(repository_ / "file"));
+}
+
+TEST_F(Worktrees, ATreeIsTheSameHoweverTheWayToItIsWritten) {
+    fs::create_directory_symlink(dataDir_, directory_ / "link");
+    for (const fs::path& way : {directory_ / "./data/../data", directory_ / "link"}) {
+        const auto tree = create();
+        json table = savedTable();
+        table[0]["path"] = (way / "worktrees" / tree.id).string();
+        writeFile(dataDir_ / "worktrees.json", dumpJson(table));
+        service_.reload();
+        workspaces_.remove(source_);
+
+        EXPECT_TRUE(service_.remove(tree.id, false).ok);
+
+        EXPECT_FALSE(fs::exists(tree.path)) << way;
+        source_ = open(repository_);
+        gitIn(repository_, {"worktree", "prune"});
+    }
+}
+
+TEST_F(Worktrees, ADataDirectoryBehindALinkGivesTreesWithoutLinks) {
+    fs::create_directories(directory_ / "real");
+    fs::create_directory_symlink("real", directory_ / "link");
+    WorktreeService service(directory_ / "link/./data", workspaces_);
+
+    const auto tree = create(service);
+
+    EXPECT_EQ(tree.path, (directory_ / "real/data/worktrees" / tree.id).string());
+    WorktreeService after(directory_ / "real/data", workspaces_);
+    after.reload();
+    EXPECT_TRUE(after.remove(tree.id, false).ok);
+    EXPECT_TRUE(fs::is_empty(directory_ / "real/data/worktrees"));
+}
+
+TEST_F(Worktrees, RecordsAreTakenAsTheyStand) {
+    const auto kept = create();
+    json table = savedTable();
+    table.push_back({{"id", "Tree 1"}, {"branch", "other"}, {"owner", "o"}, {"expiresAtMs", 7}});
+    table.push_back({{"id", "wt_UPPER"}});
+    table.push_back({{"id", ""}});
+    table.push_back({{"id", 5}});
+    writeFile(dataDir_ / "worktrees.json", dumpJson(table));
+    service_.reload();
+
+    const auto trees = service_.list();
+
+    ASSERT_THAT(trees, SizeIs(3));
+    EXPECT_EQ(trees.at(0).id, kept.id);
+    EXPECT_EQ(trees.at(1).id, "Tree 1");
+    EXPECT_EQ(trees.at(1).branch, "other");
+    EXPECT_EQ(trees.at(1).owner, "o");
+    EXPECT_EQ(trees.at(1).expiresAtMs, 7);
+    EXPECT_EQ(trees.at(2).id, "wt_UPPER");
 }
 
 TEST_F(Worktrees, ALinkInThePlaceOfATreeIsNotFollowed) {
