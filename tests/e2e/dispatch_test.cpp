@@ -288,6 +288,18 @@ TEST_F(Dispatch, ARequestIdComesBackUnchangedAndAMissingOneCountsAsEmpty) {
     replyWithId({{"type", "execute"}, {"requestId", nullptr}, {"capabilityId", "device_time"}}, "");
 }
 
+TEST_F(Dispatch, AReplyComesEvenForCharactersThatUnicodeDoesNotHave) {
+    // A surrogate half, and a number beyond the last plane: both have the shape of UTF-8.
+    writeFile(workspace_ / "odd.txt", "a\xED\xA0\x80z \xF4\x90\x80\x80.");
+
+    const auto result = gateway_.execute("read_file", {{"workspace", "ws_test0001"}, {"path", "odd.txt"}});
+
+    const std::string content = result.at("content");
+    EXPECT_THAT(content, testing::MatchesRegex("a(\xEF\xBF\xBD)+z (\xEF\xBF\xBD)+\\."));
+    EXPECT_EQ(result.at("totalBytes"), 11);
+    EXPECT_EQ(result.at("sanitized"), false) << "the reply, not the file, is what has no place for them";
+}
+
 TEST_F(Dispatch, AReplyComesEvenIfItsTextIsNoUtf8) {
     writeFile(workspace_ / "name-\xFF.txt", "");
 
