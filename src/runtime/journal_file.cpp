@@ -5,14 +5,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace qm::runtime {
 namespace {
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 constexpr ::mode_t kFileMode = 0600;
 
@@ -28,10 +34,16 @@ UniqueFd openFile(const std::filesystem::path& path, int flags) {
     return UniqueFd(retried([&] { return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, kFileMode); }));
 }
 
-/// Waits for other stores. A file system without locks does without: then only this process is kept in order, by the
-/// store's mutex.
-void lock(const UniqueFd& fd, int operation) {
-    retried([&] { return ::flock(fd.get(), operation); });
+/// Waits for other stores; false if the lock is still held elsewhere after `patience`. The kernel has no wait with a
+/// limit, so a lock that is held is asked for again in growing steps. A file system without locks does without.
+bool lock(const UniqueFd& fd, int operation, milliseconds patience) {
+    constexpr microseconds kLongestStep{5'000};
+    const auto end = steady_clock::now() + patience;
+    for (microseconds step{50};; step = std::min(2 * step, kLongestStep)) {
+        if (retried([&] { return ::flock(fd.get(), operation | LOCK_NB); }) == 0 || errno != EWOULDBLOCK) return true;
+        if (steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(step);
+    }
 }
 
 std::string message(int error) {
@@ -62,7 +74,8 @@ bool isDeleted(const UniqueFd& fd) {
 
 }  // namespace
 
-std::optional<JournalFile> JournalFile::open(const std::filesystem::path& path, Access access) {
+std::optional<JournalFile> JournalFile::open(const std::filesystem::path& path, Access access,
+                                             milliseconds lockPatience) {
     while (isThere(path)) {
         JournalFile file{UniqueFd()};
         if (access == Access::Append) {
@@ -72,17 +85,24 @@ std::optional<JournalFile> JournalFile::open(const std::filesystem::path& path, 
         if (!file.fd_) file.fd_ = openFile(path, O_RDONLY);
         if (!file.fd_ && isAbsent(errno)) continue;
         if (!file.fd_) throw std::runtime_error("cannot open agent journal for reading");
-        lock(file.fd_, access == Access::Append ? LOCK_EX : LOCK_SH);
+        const bool isForAppend = access == Access::Append;
+        if (!lock(file.fd_, isForAppend ? LOCK_EX : LOCK_SH, lockPatience)) {
+            throw std::runtime_error(isForAppend ? "cannot open agent journal for append"
+                                                 : "cannot open agent journal for reading");
+        }
         if (!isDeleted(file.fd_)) return file;
     }
     return std::nullopt;
 }
 
-JournalFile JournalFile::create(const std::filesystem::path& path) {
-    JournalFile file(openFile(path, O_RDWR | O_APPEND | O_CREAT));
-    if (!file.fd_) throw std::runtime_error("cannot open agent journal for append");
-    lock(file.fd_, LOCK_EX);
-    return file;
+JournalFile JournalFile::create(const std::filesystem::path& path, milliseconds lockPatience) {
+    while (true) {
+        JournalFile file(openFile(path, O_RDWR | O_APPEND | O_CREAT));
+        if (!file.fd_ || !lock(file.fd_, LOCK_EX, lockPatience)) {
+            throw std::runtime_error("cannot open agent journal for append");
+        }
+        if (!isDeleted(file.fd_)) return file;
+    }
 }
 
 std::size_t JournalFile::read(std::span<char> into) {
@@ -102,10 +122,16 @@ void JournalFile::cutTail(std::uint64_t size) {
 void JournalFile::append(std::string_view bytes) {
     if (appendError_ != 0) throw std::runtime_error("cannot open agent journal for append");
     struct stat status {};
-    if (::fstat(fd_.get(), &status) != 0) throw std::runtime_error("cannot open agent journal for append");
+    // Some file systems tell only when a descriptor is closed that the bytes found no room. A second descriptor is
+    // closed for that, so that the file is still open and locked when it has to be cut.
+    UniqueFd reporter(::fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0));
+    if (!reporter || ::fstat(fd_.get(), &status) != 0) {
+        throw std::runtime_error("cannot open agent journal for append");
+    }
     const ::ssize_t count = retried([&] { return ::write(fd_.get(), bytes.data(), bytes.size()); });
-    if (count >= 0 && static_cast<std::size_t>(count) == bytes.size()) return;
-    // A part of a batch must not stay; if even the cut fails, what stays is a tail that the next append repairs.
+    const bool isWhole = count >= 0 && static_cast<std::size_t>(count) == bytes.size();
+    if (isWhole && ::close(reporter.release()) == 0) return;
+    // Nothing of a batch must stay; if even the cut fails, a part of one is a tail that the next append repairs.
     if (count > 0) retried([&] { return ::ftruncate(fd_.get(), status.st_size); });
     throw std::runtime_error("cannot flush agent journal append");
 }

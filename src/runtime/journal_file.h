@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -11,19 +12,26 @@
 
 namespace qm::runtime {
 
-/// The file of one session's journal, open and locked against other stores, in this process or another, for as long as
-/// the object lives. One thread at a time.
+/// How long a call waits for a journal's lock by default. Stores hold it for one call only; a program that keeps it
+/// must not stop the sessions of this one.
+inline constexpr std::chrono::milliseconds kJournalLockPatience{3000};
+
+/// The file of one session's journal, open for as long as the object lives, and locked against other stores, in this
+/// process or another. On a file system that has no locks only the mutex of a store keeps its own calls in order. One
+/// thread at a time.
 class JournalFile {
 public:
     enum class Access { Read, Append };
 
     /// Opens an existing file; nothing if there is none. Throws std::runtime_error "cannot inspect agent journal: " and
-    /// the system's message, or "cannot open agent journal for reading".
-    static std::optional<JournalFile> open(const std::filesystem::path& path, Access access);
+    /// the system's message, or "cannot open agent journal for reading"; if another still holds the lock after
+    /// `lockPatience`, this or "cannot open agent journal for append", as `access` says.
+    static std::optional<JournalFile> open(const std::filesystem::path& path, Access access,
+                                           std::chrono::milliseconds lockPatience);
 
     /// Opens the file for append, creating it with mode 0600 if it isn't there. Throws std::runtime_error "cannot open
-    /// agent journal for append".
-    static JournalFile create(const std::filesystem::path& path);
+    /// agent journal for append", also if another still holds the lock after `lockPatience`.
+    static JournalFile create(const std::filesystem::path& path, std::chrono::milliseconds lockPatience);
 
     /// Reads the next bytes; returns their number, 0 at the end. Throws std::runtime_error "cannot open agent journal
     /// for reading".

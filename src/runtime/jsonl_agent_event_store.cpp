@@ -12,7 +12,6 @@
 
 #include "runtime/event_numbering.h"
 #include "runtime/journal_batch.h"
-#include "runtime/journal_file.h"
 #include "util/sha256.h"
 
 namespace qm {
@@ -34,8 +33,9 @@ void requireLastSequence(std::uint64_t expected, std::uint64_t actual) {
 
 }  // namespace
 
-JsonlAgentEventStore::JsonlAgentEventStore(const std::filesystem::path& dataDirectory)
-    : directory_(dataDirectory / "agent-events") {}
+JsonlAgentEventStore::JsonlAgentEventStore(const std::filesystem::path& dataDirectory,
+                                           std::chrono::milliseconds lockPatience)
+    : directory_(dataDirectory / "agent-events"), lockPatience_(lockPatience) {}
 
 std::filesystem::path JsonlAgentEventStore::fileOf(const std::string& sessionId) const {
     return directory_ / (sha256Hex(sessionId) + ".jsonl");
@@ -43,7 +43,7 @@ std::filesystem::path JsonlAgentEventStore::fileOf(const std::string& sessionId)
 
 std::vector<AgentEvent> JsonlAgentEventStore::read(const std::string& sessionId, std::uint64_t afterSequence) {
     const std::lock_guard lock(mutex_);
-    auto file = JournalFile::open(fileOf(sessionId), JournalFile::Access::Read);
+    auto file = JournalFile::open(fileOf(sessionId), JournalFile::Access::Read, lockPatience_);
     if (!file) return {};
     return scanJournal(*file, sessionId, prefixes_[sessionId], afterSequence).events;
 }
@@ -56,7 +56,7 @@ std::vector<AgentEvent> JsonlAgentEventStore::append(const std::string& sessionI
     const auto path = fileOf(sessionId);
     auto& prefix = prefixes_[sessionId];
     JournalScan scan;
-    auto file = JournalFile::open(path, JournalFile::Access::Append);
+    auto file = JournalFile::open(path, JournalFile::Access::Append, lockPatience_);
     if (file) {
         scan = scanJournal(*file, sessionId, prefix, kNoEvents);
     } else {
@@ -68,7 +68,7 @@ std::vector<AgentEvent> JsonlAgentEventStore::append(const std::string& sessionI
     line += '\n';
     createDirectory();
     if (!file) {
-        file = JournalFile::create(path);
+        file = JournalFile::create(path, lockPatience_);
         // Another store may have created the file in between, and have written to it.
         scan = scanJournal(*file, sessionId, prefix, kNoEvents);
         requireLastSequence(expectedLastSequence, prefix.lastSequence());

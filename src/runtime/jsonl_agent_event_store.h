@@ -1,10 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <mutex>
 
 #include "runtime/agent_event_store.h"
+#include "runtime/journal_file.h"
 #include "runtime/journal_scan.h"
 
 namespace qm {
@@ -14,11 +16,13 @@ namespace qm {
 /// Every call reads the whole file and validates it, so that damage is found whenever it happens; lines that this store
 /// validated before are compared by their digest. A last line without a line feed is what a crash left of an append: it
 /// is ignored, and cut off by the next append. No file stays open between calls. Stores on the same directory, also of
-/// other processes, exclude each other by a lock on the file.
+/// other processes, exclude each other by a lock on the file, where the file system has locks.
 class JsonlAgentEventStore : public runtime::AgentEventStore {
 public:
-    /// The journals stand in "agent-events" below `dataDirectory`; it is created with the first of them.
-    explicit JsonlAgentEventStore(const std::filesystem::path& dataDirectory);
+    /// The journals stand in "agent-events" below `dataDirectory`; it is created with the first of them. A call fails
+    /// if another program keeps a journal locked for longer than `lockPatience`.
+    explicit JsonlAgentEventStore(const std::filesystem::path& dataDirectory,
+                                  std::chrono::milliseconds lockPatience = runtime::kJournalLockPatience);
 
     /// Throws "cannot inspect agent journal: ...", "cannot open agent journal for reading", or what
     /// runtime::decodeJournalBatch throws of a damaged line.
@@ -43,6 +47,7 @@ private:
     void createDirectory() const;
 
     const std::filesystem::path directory_;
+    const std::chrono::milliseconds lockPatience_;
     std::mutex mutex_;
     std::map<std::string, runtime::ValidatedPrefix> prefixes_;
 };

@@ -17,11 +17,13 @@
 #include "runtime/jsonl_agent_event_store.h"
 #include "support/run_on_threads.h"
 #include "support/temporary_directory.h"
+#include "support/wait_until.h"
 #include "util/unique_fd.h"
 
 namespace qm {
 namespace {
 
+using qm::test::kGenerousLimit;
 using qm::test::runOnThreads;
 using qm::test::TemporaryDirectory;
 using runtime::test::makeEvents;
@@ -123,7 +125,7 @@ TEST(JournalCrash, StoresThatRaceForOneFileNeverBreakIt) {
         const std::string session = "s" + std::to_string(round);
         std::atomic<int> successes = 0;
         runOnThreads(kStores, [&](std::size_t) {
-            JsonlAgentEventStore store(directory.path());
+            JsonlAgentEventStore store(directory.path(), kGenerousLimit);
             for (int attempt = 0; attempt < 10; ++attempt) {
                 const auto events = store.read(session, 0);
                 try {

@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 
+#include "device/refused_system_calls.h"
 #include "runtime/journal_fixture.h"
 #include "runtime/jsonl_agent_event_store.h"
 #include "support/ordinary_user.h"
@@ -17,11 +21,13 @@ namespace {
 using qm::test::OrdinaryUser;
 using qm::test::readFile;
 using qm::test::TemporaryDirectory;
+using qm::test::withRefusedCalls;
 using qm::test::writeFile;
 using runtime::test::appendFailure;
 using runtime::test::failureOf;
 using runtime::test::makeEnvelope;
 using runtime::test::makeEvents;
+using runtime::test::openDescriptors;
 using runtime::test::sealed;
 using runtime::test::sequencesOf;
 
@@ -156,6 +162,32 @@ TEST_F(JournalFailure, AFailedFirstAppendLeavesAnEmptyJournal) {
     }
     EXPECT_TRUE(store.read("s1", 0).empty());
     EXPECT_EQ(sequencesOf(store.append("s1", 0, makeEvents("s1", 1))), std::vector<std::uint64_t>{1});
+}
+
+TEST_F(JournalFailure, WhatAFileSystemReportsOnlyWhenAFileIsClosedIsAFailedWrite) {
+    store.append("s1", 0, makeEvents("s1", 1));
+    const std::string before = readFile(file);
+
+    withRefusedCalls({{SYS_close, EDQUOT}},
+                     [this] { EXPECT_EQ(failureOfAppend(1), "cannot flush agent journal append"); });
+
+    EXPECT_EQ(readFile(file), before);
+    // Refused calls close nothing, and what is left open keeps the lock.
+    for (const int descriptor : openDescriptors(file))
+        ::close(descriptor);
+    EXPECT_EQ(sequencesOf(store.append("s1", 1, makeEvents("s1", 1))), std::vector<std::uint64_t>{2});
+    EXPECT_EQ(store.read("s1", 0).size(), 2U);
+}
+
+TEST_F(JournalFailure, NothingIsWrittenWhoseEndCouldNotBeChecked) {
+    store.append("s1", 0, makeEvents("s1", 1));
+    const std::string before = readFile(file);
+
+    withRefusedCalls({{SYS_fcntl, EMFILE}},
+                     [this] { EXPECT_EQ(failureOfAppend(1), "cannot open agent journal for append"); });
+
+    EXPECT_EQ(readFile(file), before);
+    EXPECT_EQ(sequencesOf(store.append("s1", 1, makeEvents("s1", 1))), std::vector<std::uint64_t>{2});
 }
 
 TEST_F(JournalFailure, AJournalThatCannotBeRemovedIsReported) {

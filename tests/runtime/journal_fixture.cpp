@@ -56,4 +56,14 @@ std::string sealed(json envelope) {
     return envelope.dump();
 }
 
+std::vector<int> openDescriptors(const std::filesystem::path& file) {
+    std::vector<int> descriptors;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code vanished;
+        const auto target = std::filesystem::read_symlink(entry.path(), vanished);
+        if (!vanished && target == file) descriptors.push_back(std::stoi(entry.path().filename()));
+    }
+    return descriptors;
+}
+
 }  // namespace qm::runtime::test

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,6 +26,9 @@ json makeEnvelope(const std::string& sessionId, std::uint64_t firstSequence, int
 
 /// The line of an envelope: what the library dumps, with the digest of the dump without digest.
 std::string sealed(json envelope);
+
+/// The descriptors of this process that are open for the file.
+std::vector<int> openDescriptors(const std::filesystem::path& file);
 
 /// The words with which `action` fails; an exception of another type than `Exception` passes.
 template <typename Exception, typename Action>
