@@ -195,13 +195,14 @@ public:
         ++model_.nowMs;
         const json expected = model_.command(command);
         ASSERT_EQ(answerOf(actor_->handleCommand(recordOf(command))), expected) << command;
-        if (expected["lastSequence"] != 0) commands_.push_back(command);
+        if (expected["lastSequence"] != 0) recorded_.push_back({&SideBySide::command, command});
     }
 
     void update(const json& update) {
         ++model_.nowMs;
         const json expected = model_.update(update);
         ASSERT_EQ(answerOf(actor_->applyRuntimeUpdate(updateOf(update))), expected) << update;
+        if (expected["lastSequence"] != 0) recorded_.push_back({&SideBySide::update, update});
     }
 
     void complete(const json& update) {
@@ -212,6 +213,7 @@ public:
         answer["input"] = inputOf(completion.input);
         if (!expected.contains("input")) expected["input"] = nullptr;
         ASSERT_EQ(answer, expected) << update;
+        if (expected["lastSequence"] != 0) recorded_.push_back({&SideBySide::complete, update});
     }
 
     void consume(const json& point) {
@@ -228,14 +230,17 @@ public:
             answer = {{"throws", error.what()}};
         }
         ASSERT_EQ(answer, expected) << point;
+        if (expected.contains("lastSequence")) recorded_.push_back({&SideBySide::consume, point});
     }
 
-    /// Commands that were ever written down are duplicates with the same answer; every third one is tried.
-    void repeatCommands() {
-        for (std::size_t index = commands_.size() % 3; index < commands_.size(); index += 3) {
-            const json& command = commands_[index];
-            ASSERT_EQ(answerOf(actor_->handleCommand(recordOf(command))), model_.command(command)) << command;
+    /// Whatever was ever written down is a duplicate with the same answer.
+    void repeatEverything() {
+        const std::uint64_t before = actor_->snapshot().lastSequence;
+        for (const auto& [repeat, operation] : std::exchange(recorded_, {})) {
+            (this->*repeat)(operation);
+            if (testing::Test::HasFatalFailure()) return;
         }
+        ASSERT_EQ(actor_->snapshot().lastSequence, before);
     }
 
     /// The type of every event that was written, with its reason where it has one.
@@ -281,7 +286,7 @@ private:
     std::shared_ptr<CountingIds> ids_ = std::make_shared<CountingIds>();
     SessionModel model_{"s1"};
     std::unique_ptr<SessionActor> actor_;
-    std::vector<json> commands_;
+    std::vector<std::pair<void (SideBySide::*)(const json&), json>> recorded_;
 };
 
 void drive(SideBySide& session, Operations& operations, int count) {
@@ -371,7 +376,8 @@ TEST_P(SessionAgainstModel, TheActorAnswersWritesAndRemembersWhatTheModelDoes) {
         } else {
             session.moveTo(journal);
         }
-        session.repeatCommands();
+        session.repeatEverything();
+        if (HasFatalFailure()) return;
         drive(session, operations, 50);
         session.collectFacts(facts);
     }

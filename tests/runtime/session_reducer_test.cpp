@@ -267,6 +267,35 @@ TEST(SessionReducer, NumbersBeyondTheirFieldReadAsTheNearestOnes) {
     EXPECT_EQ(fold->childTasks.at("t1").maxRounds, INT32_MIN);
 }
 
+TEST(SessionReducer, NumbersBeyondTheSignedRangeReadAsTheLargestOnes) {
+    Fold fold;
+    fold.apply(AgentEventType::TaskQueued, {{"taskId", "t1"},
+                                            {"depth", UINT64_MAX},
+                                            {"maxRounds", UINT64_MAX},
+                                            {"timeoutMs", UINT64_MAX},
+                                            {"createdAtMs", std::uint64_t{INT64_MAX} + 1}});
+    fold.apply(AgentEventType::TaskStarted, {{"taskId", "t1"}, {"startedAtMs", UINT64_MAX}});
+    fold.apply(AgentEventType::TaskWaiting,
+               {{"joinId", "j1"}, {"minSucceeded", UINT64_MAX}, {"timeoutMs", UINT64_MAX}});
+    fold.apply(AgentEventType::TaskCompleted,
+               {{"taskId", "t1"}, {"state", "LOST"}, {"rounds", UINT64_MAX}, {"finishedAtMs", UINT64_MAX}});
+
+    const ChildTaskRecord& task = fold->childTasks.at("t1");
+    for (const std::int32_t number : {task.depth, task.maxRounds, task.rounds, fold->pendingTaskJoin.minSucceeded})
+        EXPECT_EQ(number, INT32_MAX);
+    for (const std::int64_t number :
+         {task.timeoutMs, task.createdAtMs, task.startedAtMs, task.finishedAtMs, fold->pendingTaskJoin.timeoutMs}) {
+        EXPECT_EQ(number, INT64_MAX);
+    }
+}
+
+TEST(SessionReducer, ANumberWithAFractionReadsAsAbsent) {
+    Fold fold;
+    fold.apply(AgentEventType::TaskQueued, {{"taskId", "t1"}, {"depth", 2.0}, {"timeoutMs", 1e30}});
+    EXPECT_EQ(fold->childTasks.at("t1").depth, 0);
+    EXPECT_EQ(fold->childTasks.at("t1").timeoutMs, 0);
+}
+
 TEST(SessionReducer, AQueuedTaskStarts) {
     Fold fold = withTask();
     fold.apply(AgentEventType::TaskStarted, {{"taskId", "t1"}, {"startedAtMs", 9}});

@@ -14,24 +14,6 @@ namespace {
 using test::factsOf;
 using test::Session;
 
-/// A store in memory that fails to append while it is told to.
-class FailingStore : public AgentEventStore {
-public:
-    std::vector<AgentEvent> read(const std::string& sessionId, std::uint64_t afterSequence) override {
-        return inner_.read(sessionId, afterSequence);
-    }
-    std::vector<AgentEvent> append(const std::string& sessionId, std::uint64_t expectedLastSequence,
-                                   std::vector<AgentEvent> events) override {
-        if (fails) throw std::runtime_error("disk full");
-        return inner_.append(sessionId, expectedLastSequence, std::move(events));
-    }
-
-    bool fails = false;
-
-private:
-    InMemoryAgentEventStore inner_;
-};
-
 AgentCommand startCommand(const char* id) {
     return {.v = 1,
             .commandId = id,
@@ -241,49 +223,6 @@ TEST(SessionReplay, ACancellationRequestedWhileRunningBlocksCompletion) {
                                .payload = json::object()};
     EXPECT_EQ(actor.applyRuntimeUpdate(update).error, "run cannot complete from the current control state");
     EXPECT_THROW(actor.consumeInterjection("u2", "run_1", "turn_1"), std::runtime_error);
-}
-
-TEST(SessionStoreFailure, AFailingAppendChangesNothingAndTheCommandIsFreshAfterwards) {
-    auto store = std::make_shared<FailingStore>();
-    SessionActor actor("s1", store);
-    store->fails = true;
-    EXPECT_THROW(actor.handleCommand(startCommand("c1")), std::runtime_error);
-    EXPECT_EQ(actor.snapshot().lastSequence, 0U);
-    EXPECT_EQ(actor.snapshot().runId, "");
-    AgentCommand rejected = startCommand("c2");
-    rejected.v = 2;
-    EXPECT_THROW(actor.handleCommand(rejected), std::runtime_error);
-
-    store->fails = false;
-    const auto result = actor.handleCommand(startCommand("c1"));
-
-    EXPECT_TRUE(result.accepted);
-    EXPECT_FALSE(result.duplicate);
-    EXPECT_EQ(result.firstSequence, 1U);
-}
-
-TEST(SessionStoreFailure, AFailingConsumptionLeavesTheInputInItsBuffer) {
-    auto store = std::make_shared<FailingStore>();
-    SessionActor actor("s1", store);
-    const std::string runId = actor.handleCommand(startCommand("c1")).snapshot.runId;
-    const std::string turnId = actor.snapshot().turnId;
-    actor.handleCommand({.v = 1,
-                         .commandId = "c2",
-                         .sessionId = "s1",
-                         .runId = runId,
-                         .type = AgentCommandType::AppendUserInput,
-                         .timestampMs = 0,
-                         .payload = {{"content", "now"}, {"mode", "interject"}}});
-    store->fails = true;
-    EXPECT_THROW(actor.consumeInterjection("x1", runId, turnId), std::runtime_error);
-    EXPECT_EQ(actor.snapshot().bufferedInterjections, 1U);
-
-    store->fails = false;
-    const auto input = actor.consumeInterjection("x1", runId, turnId);
-
-    ASSERT_TRUE(input);
-    EXPECT_FALSE(input->result.duplicate);
-    EXPECT_EQ(input->content, "now");
 }
 
 TEST(SessionEvents, APageHoldsTheFirstEventsBehindAPoint) {

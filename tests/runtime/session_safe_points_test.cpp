@@ -66,12 +66,21 @@ TEST(ConsumeInterjection, AStaleRunOrTurnThrows) {
 
 TEST(ConsumeInterjection, OnlyARunningTurnConsumes) {
     for (const RunState state : {RunState::WaitingUser, RunState::WaitingApproval, RunState::WaitingTasks,
-                                 RunState::Cancelling, RunState::Completed}) {
+                                 RunState::Cancelling, RunState::Completed, RunState::Failed, RunState::Cancelled}) {
         Session session;
         session.enter(state);
         EXPECT_EQ(failureOf<std::runtime_error>(session, "x1", "run_1", "turn_1"),
                   "interjections can only be consumed by a running turn");
     }
+}
+
+TEST(ConsumeInterjection, ASessionWithoutARunHasNoTurnToHandInputTo) {
+    Session session;
+    EXPECT_EQ(failureOf<std::runtime_error>(session, "x1", "run_1", "turn_1"),
+              "safe point targets a stale run or turn");
+    EXPECT_EQ(failureOf<std::runtime_error>(session, "x1", "", ""),
+              "interjections can only be consumed by a running turn");
+    EXPECT_EQ(session.snapshot().lastSequence, 0U);
 }
 
 TEST(ConsumeInterjection, WithoutAnInterjectionNothingHappens) {
@@ -184,12 +193,20 @@ TEST(CompleteTurn, ItsFaultsAreFoundInOrder) {
 
 TEST(CompleteTurn, OnlyARunningRunCompletes) {
     for (const RunState state : {RunState::WaitingUser, RunState::WaitingApproval, RunState::WaitingTasks,
-                                 RunState::Cancelling, RunState::Completed, RunState::Failed}) {
+                                 RunState::Cancelling, RunState::Completed, RunState::Failed, RunState::Cancelled}) {
         Session session;
         session.enter(state);
         expectRejected(session.complete(), "run cannot complete from the current control state");
         EXPECT_EQ(session.snapshot().state, state);
     }
+}
+
+TEST(CompleteTurn, ASessionWithoutARunHasNoTurnToComplete) {
+    Session session;
+    EXPECT_EQ(session.complete().result.error, "runtime update runId must not be blank");
+    RuntimeUpdate update = session.makeUpdate(AgentEventType::RunCompleted, json::object());
+    update.runId = "run_1";
+    expectRejected(session.actor().completeTurn(update), "runtime update targets a stale run or turn");
 }
 
 TEST(CompleteTurn, ActiveChildTasksMustBeJoinedBeforeAnyPromotion) {
