@@ -139,9 +139,11 @@ private:
 
 TEST(ExecutorCoreFaults, AnAttemptWithoutDescriptorsFailsAndALaterOneSucceeds) {
     GatewayPeer gateway;
-    RunningCore running(settingsFor(gateway.url()), eagerTiming());
+    RunningCore running(settingsFor(gateway.url()));
     running.start();
     gateway.waitForRegister();
+    gateway.close();
+    ASSERT_TRUE(running.waitForState("DISCONNECTED"));
     // UndefinedBehaviorSanitizer opens a pipe when it first sees an object of a type.
     const std::system_error known(EMFILE, std::generic_category(), "eventfd");
     const std::exception& seen = known;
@@ -149,11 +151,12 @@ TEST(ExecutorCoreFaults, AnAttemptWithoutDescriptorsFailsAndALaterOneSucceeds) {
 
     {
         const NoDescriptorsLeft none;
-        gateway.close();
+        running.core->requestReconnect();
         EXPECT_TRUE(test::waitUntil([&] { return logged(line); }));
     }
 
     EXPECT_EQ(line, "WARN  gateway connection failed: eventfd: Too many open files");
+    running.core->requestReconnect();
     gateway.waitForRegister();
 }
 
