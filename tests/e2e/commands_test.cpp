@@ -161,7 +161,31 @@ TEST_F(Commands, TheFirstChangeOfATurnIsPrecededByACheckpoint) {
     EXPECT_EQ(restored.at("verified"), true) << restored;
     EXPECT_EQ(readFile(workspace_ / "a.txt"), "old\n");
     EXPECT_FALSE(std::filesystem::exists(workspace_ / "b.txt"));
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(home_.dataDirectory() / "checkpoints"), {}), 1);
+    const auto checkpoints = home_.dataDirectory() / "checkpoints";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(checkpoints), {}), 1);
+    const auto manifest = checkpoints / changes.at("checkpoint").get<std::string>() / "manifest.json";
+    EXPECT_EQ(json::parse(readFile(manifest)).at("label"), "turn 0 · run run_1234");
+}
+
+TEST_F(Commands, AChangeWithoutAWayBackIsRefusedAndMayBeTriedAgain) {
+    std::filesystem::remove_all(home_.dataDirectory() / "checkpoints");
+    home_.writeDataFile("checkpoints", "in the way");
+    const json turn{{"runId", "run_1"}, {"round", 0}, {"idempotencyKey", "key-1"}};
+
+    const auto refused = call("write_file", {{"path", "a.txt"}, {"content", "new"}}, turn);
+
+    EXPECT_THAT(refused.at("error").get<std::string>(),
+                testing::StartsWith("无法建立 turn checkpoint，为保证可恢复性拒绝执行该写操作："));
+    EXPECT_EQ(refused.size(), 1U) << refused;
+    EXPECT_FALSE(std::filesystem::exists(workspace_ / "a.txt"));
+
+    std::filesystem::remove(home_.dataDirectory() / "checkpoints");
+    const auto written = call("write_file", {{"path", "a.txt"}, {"content", "new"}}, turn);
+
+    EXPECT_EQ(written.at("bytesWritten"), 3) << written;
+    EXPECT_FALSE(written.contains("deduplicated"));
+    EXPECT_EQ(readFile(workspace_ / "a.txt"), "new");
+    EXPECT_EQ(call("show_changes", {}).at("changeCount"), 1);
 }
 
 TEST_F(Commands, AWorktreeIsAWorkspaceOfItsOwnUntilItsLeaseHasRunOut) {

@@ -30,6 +30,22 @@ json capability(const json& message, const std::string& id) {
     return nullptr;
 }
 
+TEST(Registration, DamagedElementsOfTheTableOfWorkspacesKeepNeitherTheProgramNorTheOthersOut) {
+    ExecutorHome home;
+    home.addWorkspace("ws_sound001");
+    json table = json::parse(home.dataFile("workspaces.json"));
+    table.at("workspaces").insert(table.at("workspaces").begin(), {5, {{"id", 7}}});
+    home.writeDataFile("workspaces.json", table.dump());
+    GatewayPeer gateway;
+    ExecutorProcess executor(home.against(gateway));
+    gateway.waitForRegister();
+
+    const auto listed = gateway.execute("list_workspaces").at("workspaces");
+
+    EXPECT_EQ(listed, json::parse(R"([{"workspace": "ws_sound001", "label": "label of ws_sound001",
+                                       "permission": "READ_WRITE"}])"));
+}
+
 TEST(Registration, IsTheFirstMessageAndDescribesTheDevice) {
     const ExecutorHome home;
     GatewayPeer gateway;
