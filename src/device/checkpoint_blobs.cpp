@@ -29,11 +29,6 @@ bool isDigest(std::string_view text) {
            text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
 }
 
-/// Some file systems report a full disk at close only.
-void closeWritten(UniqueFd fd) {
-    if (::close(fd.release()) != 0 && errno != EINTR) throwWriteError(errno);
-}
-
 }  // namespace
 
 std::optional<Fingerprint> CheckpointBlobs::store(int source, std::uint64_t size, std::span<char> buffer) const {
@@ -51,7 +46,7 @@ std::optional<Fingerprint> CheckpointBlobs::storeSmall(int source, std::uint64_t
         throwWriteError(errno);
     }
     if (!writeFully(blob.get(), {buffer.data(), static_cast<std::size_t>(content->sizeBytes)})) throwWriteError(errno);
-    closeWritten(std::move(blob));
+    if (!closeWritten(std::move(blob))) throwWriteError(errno);
     return content;
 }
 
@@ -65,7 +60,7 @@ std::optional<Fingerprint> CheckpointBlobs::storeLarge(int source, std::uint64_t
         content.sizeBytes += piece.size();
         if (!writeFully(blob.get(), piece)) throwWriteError(errno);
     });
-    closeWritten(std::move(blob));
+    if (!closeWritten(std::move(blob))) throwWriteError(errno);
     content.sha256 = toHex(digest.finish());
     const bool wanted = readable && ::faccessat(directory_.get(), content.sha256.c_str(), F_OK, 0) != 0;
     const int outcome = wanted ? ::renameat(directory_.get(), kIncoming, directory_.get(), content.sha256.c_str())
@@ -79,6 +74,7 @@ UniqueFd CheckpointBlobs::open(const std::string& sha256) const {
     if (!directory_ || !isDigest(sha256)) return {};
     UniqueFd blob(
         ::openat(directory_.get(), sha256.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!blob) throwIfShortage(errno, "cannot open a blob");
     struct stat status {};
     if (blob && (::fstat(blob.get(), &status) != 0 || !S_ISREG(status.st_mode))) blob.reset();
     return blob;

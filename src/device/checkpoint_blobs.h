@@ -21,7 +21,8 @@ public:
     /// can't be read. Throws std::system_error if the blob can't be written; parts of it may then lie in the directory.
     std::optional<Fingerprint> store(int source, std::uint64_t size, std::span<char> buffer) const;
 
-    /// The blob of a digest, for reading; empty if there is none or `sha256` is no digest.
+    /// The blob of a digest, for reading; empty if there is none or `sha256` is no digest. Throws std::system_error if
+    /// it can't be opened for lack of descriptors or memory.
     UniqueFd open(const std::string& sha256) const;
 
 private:

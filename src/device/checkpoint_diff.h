@@ -19,7 +19,7 @@ struct CheckpointDiff {
 };
 
 /// Compares the files that `walk` found in `tree` with those of `manifest`; `buffer` is for reading. Throws
-/// std::bad_alloc only.
+/// std::system_error if descriptors or memory ran out.
 CheckpointDiff diffCheckpoint(const CheckpointTree& tree, const CheckpointTree::Walk& walk,
                               const CheckpointManifest& manifest, const CheckpointBlobs& blobs, std::span<char> buffer);
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 
 #include "util/sha256.h"
 
@@ -25,6 +26,14 @@ std::optional<std::size_t> readInto(int fd, std::uint64_t offset, std::span<char
 }
 
 }  // namespace
+
+bool isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+void throwIfShortage(int error, const char* what) {
+    if (isShortage(error)) throw std::system_error(error, std::generic_category(), what);
+}
 
 bool readPieces(int fd, std::uint64_t size, std::span<char> buffer, const std::function<void(std::string_view)>& sink) {
     for (std::uint64_t offset = 0; offset < size;) {
@@ -65,6 +74,11 @@ bool writeFully(int fd, std::string_view bytes) {
         bytes.remove_prefix(static_cast<std::size_t>(count));
     }
     return true;
+}
+
+bool closeWritten(UniqueFd fd) {
+    // An interrupted close has closed all the same.
+    return ::close(fd.release()) == 0 || errno == EINTR;
 }
 
 }  // namespace qm

@@ -7,7 +7,16 @@
 #include <string>
 #include <string_view>
 
+#include "util/unique_fd.h"
+
 namespace qm {
+
+/// Whether a failed call says nothing about the file: descriptors or memory ran out. A file that is taken for missing
+/// then would be reported as deleted, or its content as lost.
+bool isShortage(int error);
+
+/// Throws std::system_error with `what` if `error`, an errno, is a shortage; otherwise nothing.
+void throwIfShortage(int error, const char* what);
 
 /// Digest and length of the same bytes.
 struct Fingerprint {
@@ -28,5 +37,8 @@ std::optional<std::string> readAt(int fd, std::uint64_t offset, std::uint64_t co
 
 /// Writes all of `bytes` at the descriptor's position. On failure false, with `errno` set and a part written.
 bool writeFully(int fd, std::string_view bytes);
+
+/// Closes a file that was written: some file systems report a full disk only now. On failure false, with `errno` set.
+bool closeWritten(UniqueFd fd);
 
 }  // namespace qm

@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "device/directory_reader.h"
-#include "util/random_id.h"
+#include "util/log.h"
 #include "util/text.h"
 
 namespace qm {
@@ -38,13 +38,14 @@ public:
     FileBeside(int directoryFd, const struct stat* replaced) : directoryFd_(directoryFd) {
         const mode_t mode = replaced == nullptr ? 0666 : 0600;
         do {
-            name_ = randomId(".restoring-", 12);
+            name_ = CheckpointTree::newCopyName();
             fd_ = UniqueFd(::openat(directoryFd_, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode));
         } while (!fd_ && errno == EEXIST);
+        isHere_ = static_cast<bool>(fd_);
         if (fd_ && replaced != nullptr) takeOver(*replaced);
     }
     ~FileBeside() {
-        if (fd_) ::unlinkat(directoryFd_, name_.c_str(), 0);
+        if (isHere_) ::unlinkat(directoryFd_, name_.c_str(), 0);
     }
     FileBeside(const FileBeside&) = delete;
     FileBeside& operator=(const FileBeside&) = delete;
@@ -52,10 +53,11 @@ public:
     /// -1 if the file couldn't be created.
     int fd() const { return fd_.get(); }
 
+    /// Once everything is written; the descriptor is closed by this. Whether all of it is in place.
     bool putInPlace(const std::string& name) {
-        if (::renameat(directoryFd_, name_.c_str(), directoryFd_, name.c_str()) != 0) return false;
-        fd_.reset();
-        return true;
+        if (!closeWritten(std::move(fd_))) return false;
+        isHere_ = ::renameat(directoryFd_, name_.c_str(), directoryFd_, name.c_str()) != 0;
+        return !isHere_;
     }
 
 private:
@@ -69,6 +71,7 @@ private:
     int directoryFd_;
     std::string name_;
     UniqueFd fd_;
+    bool isHere_ = false;  ///< There is a file under `name_`.
 };
 
 class Restorer {
@@ -89,7 +92,7 @@ public:
             }
         }
         for (const CheckpointFile* file : plan.toRestore) {
-            if (restoreFile(*file)) {
+            if (tryRestoreFile(*file)) {
                 ++outcome_.restoredFiles;
             } else {
                 outcome_.failedPaths.push_back(file->path);
@@ -98,6 +101,8 @@ public:
         for (const std::string* path : remaining)
             remove(*path, failedDeletions);
         std::move(failedDeletions.begin(), failedDeletions.end(), std::back_inserter(outcome_.failedPaths));
+        for (const auto& path : plan.leftovers)
+            unlink(path);
         return std::move(outcome_);
     }
 
@@ -130,6 +135,16 @@ private:
         std::unordered_set<std::string_view> files_;
         std::unordered_set<std::string_view> directories_;
     };
+
+    /// By now other files may have been changed, so a failure of any kind concerns this one only.
+    bool tryRestoreFile(const CheckpointFile& file) {
+        try {
+            return restoreFile(file);
+        } catch (const std::system_error& failure) {
+            log(LogLevel::Warn, std::string("a file can't be restored: ") + failure.what());
+            return false;
+        }
+    }
 
     bool restoreFile(const CheckpointFile& file) {
         const UniqueFd blob = blobs_.open(file.sha256);
@@ -216,15 +231,25 @@ private:
     }
 
     void remove(const std::string& path, std::vector<std::string>& failed) {
-        auto [directory, name] = splitPath(path);
-        const UniqueFd parent = openDirectory(directory);
-        if (!parent || ::unlinkat(parent.get(), name.c_str(), 0) != 0) {
+        const std::error_code error = unlink(path);
+        if (!error) {
+            ++outcome_.deletedFiles;
+        } else if (error != std::errc::no_such_file_or_directory) {
+            // One that somebody else removed meanwhile is as it should be.
             failed.push_back(path);
-            return;
         }
-        ++outcome_.deletedFiles;
+    }
+
+    /// Removes a file, and the directories above it that this empties.
+    std::error_code unlink(const std::string& path) const {
+        auto [directory, name] = splitPath(path);
+        std::error_code error;
+        const UniqueFd parent = tree_.root().open(directory, kDirectoryHandle, error);
+        if (!parent) return error;
+        if (::unlinkat(parent.get(), name.c_str(), 0) != 0) return {errno, std::generic_category()};
         while (!directory.empty() && removeDirectory(directory))
             directory = splitPath(directory).first;
+        return {};
     }
 
     UniqueFd openDirectory(const std::string& path) const {
@@ -258,8 +283,9 @@ RestorePlan planRestore(const CheckpointTree& tree, const CheckpointTree::Walk& 
         remembered.insert(file.path);
         if (!isUnchanged(tree, file, buffer)) plan.toRestore.push_back(&file);
     }
-    std::copy_if(walk.files.begin(), walk.files.end(), std::back_inserter(plan.toDelete),
-                 [&remembered](const std::string& path) { return !remembered.contains(path); });
+    const auto isAdded = [&remembered](const std::string& path) { return !remembered.contains(path); };
+    std::copy_if(walk.files.begin(), walk.files.end(), std::back_inserter(plan.toDelete), isAdded);
+    std::copy_if(walk.leftovers.begin(), walk.leftovers.end(), std::back_inserter(plan.leftovers), isAdded);
     return plan;
 }
 

@@ -15,6 +15,7 @@ namespace qm {
 struct RestorePlan {
     std::vector<const CheckpointFile*> toRestore;  ///< Missing now, or of another content.
     std::vector<std::string> toDelete;             ///< Added since.
+    std::vector<std::string> leftovers;            ///< Copies that an earlier restore left when it was killed.
 };
 
 struct RestoreOutcome {
@@ -23,7 +24,8 @@ struct RestoreOutcome {
     std::vector<std::string> failedPaths;  ///< Files that aren't as in the checkpoint now.
 };
 
-/// Compares the files that `walk` found with those of `manifest`; `buffer` is for reading. Changes nothing.
+/// Compares the files that `walk` found with those of `manifest`; `buffer` is for reading. Changes nothing. Throws
+/// std::system_error if descriptors or memory ran out.
 RestorePlan planRestore(const CheckpointTree& tree, const CheckpointTree::Walk& walk,
                         const CheckpointManifest& manifest, std::span<char> buffer);
 

@@ -1,8 +1,7 @@
 #include "device/checkpoint_service.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <memory>
@@ -10,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "device/canonical_path.h"
 #include "device/checkpoint_diff.h"
 #include "device/checkpoint_restore.h"
 #include "device/workspace_registry.h"
@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::size_t kMaxGitHeadBytes = 200;
 constexpr std::size_t kMaxUnrestorablePaths = 5;
+constexpr char kNoRoot[] = "工作区根目录不可用";
 
 json errorResult(std::string text) {
     return {{"error", std::move(text)}};
@@ -36,6 +37,17 @@ private:
     static constexpr std::size_t kBytes = 262144;
     std::unique_ptr<char[]> bytes_ = std::make_unique_for_overwrite<char[]>(kBytes);
 };
+
+/// Records that were written by hand may lead through links, or be relative. Throws std::system_error if the path can't
+/// be followed; one that leads nowhere is left for the walk to tell.
+std::filesystem::path canonicalRoot(const std::filesystem::path& hostPath) {
+    std::error_code error;
+    const auto absolute = std::filesystem::absolute(hostPath, error);
+    if (error || absolute.empty()) throw std::system_error(ENOENT, std::generic_category(), kNoRoot);
+    auto root = followLinks("/", withoutTrailingSlashes(absolute.native()));
+    if (root.error) throw std::system_error(root.error, kNoRoot);
+    return std::move(root.path);
+}
 
 std::string readGitHead(const CheckpointTree& tree) {
     const auto file = tree.openFile(".git/HEAD");
@@ -262,7 +274,7 @@ CheckpointStore::ReadResult CheckpointService::readLatest(const Workspace& works
 }
 
 CheckpointTree CheckpointService::openTree(const Workspace& workspace) const {
-    return {workspace.hostPath, directoryId(dataDir_)};
+    return {canonicalRoot(workspace.hostPath), directoryId(dataDir_)};
 }
 
 }  // namespace qm

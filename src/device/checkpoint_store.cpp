@@ -35,6 +35,12 @@ UniqueFd openDirectory(int parentFd, const char* name) {
     return UniqueFd(::openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
+/// What a store doesn't hold is an answer; what can't be opened for another reason than its own is none.
+UniqueFd unlessShort(UniqueFd fd) {
+    if (!fd) throwIfShortage(errno, "cannot open a checkpoint");
+    return fd;
+}
+
 /// The root itself may be reached through links: where the data directory lies is its owner's choice.
 UniqueFd openRoot(const std::filesystem::path& root) {
     return UniqueFd(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -52,10 +58,10 @@ bool isFileName(std::string_view id) {
 
 UniqueFd openManifest(int storeFd, const std::string& id) {
     if (!isFileName(id)) return {};
-    const UniqueFd directory = openDirectory(storeFd, id.c_str());
+    const UniqueFd directory = unlessShort(openDirectory(storeFd, id.c_str()));
     if (!directory) return {};
-    return UniqueFd(
-        ::openat(directory.get(), kManifestFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    return unlessShort(UniqueFd(::openat(directory.get(), kManifestFile, kFlags)));
 }
 
 /// Makes a directory under a new id, which it returns.
@@ -110,7 +116,7 @@ void CheckpointDraft::keep(const CheckpointManifest& manifest) {
     const std::string text = manifestText(manifest);
     UniqueFd file(
         ::openat(directory_.get(), kUnfinishedManifestFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kManifestMode));
-    if (!file || !writeFully(file.get(), text) || ::close(file.release()) != 0 ||
+    if (!file || !writeFully(file.get(), text) || !closeWritten(std::move(file)) ||
         ::renameat(directory_.get(), kUnfinishedManifestFile, directory_.get(), kManifestFile) != 0) {
         throwLastError("cannot write a checkpoint's manifest");
     }
@@ -130,7 +136,7 @@ std::unique_ptr<CheckpointDraft> CheckpointStore::begin() const {
 
 CheckpointStore::ReadResult CheckpointStore::read(const std::string& id) const {
     if (!isValidId(id)) return {id, std::nullopt, "无效的 checkpoint id"};
-    const UniqueFd store = openRoot(root_);
+    const UniqueFd store = unlessShort(openRoot(root_));
     const UniqueFd file = store ? openManifest(store.get(), id) : UniqueFd();
     const auto text = file ? readWhole(file.get()) : std::nullopt;
     if (!text) return {id, std::nullopt, "checkpoint 不存在或已被清理：" + id};
@@ -140,14 +146,14 @@ CheckpointStore::ReadResult CheckpointStore::read(const std::string& id) const {
 }
 
 CheckpointBlobs CheckpointStore::blobs(const std::string& id) const {
-    const UniqueFd store = openRoot(root_);
+    const UniqueFd store = unlessShort(openRoot(root_));
     if (!store || !isFileName(id)) return CheckpointBlobs({});
-    const UniqueFd directory = openDirectory(store.get(), id.c_str());
-    return CheckpointBlobs(directory ? openDirectory(directory.get(), kBlobsDirectory) : UniqueFd());
+    const UniqueFd directory = unlessShort(openDirectory(store.get(), id.c_str()));
+    return CheckpointBlobs(directory ? unlessShort(openDirectory(directory.get(), kBlobsDirectory)) : UniqueFd());
 }
 
 std::vector<std::string> CheckpointStore::idsOfWorkspace(std::string_view workspaceId) const {
-    const UniqueFd store = openRoot(root_);
+    const UniqueFd store = unlessShort(openRoot(root_));
     if (!store) return {};
     std::vector<std::pair<std::int64_t, std::string>> found;
     for (auto& id : listIds(store.get())) {
@@ -166,9 +172,16 @@ std::vector<std::string> CheckpointStore::idsOfWorkspace(std::string_view worksp
 void CheckpointStore::remove(const std::string& id) const {
     const UniqueFd store = openRoot(root_);
     if (!store || !isFileName(id)) return;
-    if (const auto error = removeTreeAt(store.get(), id)) {
-        log(LogLevel::Warn, "checkpoint " + id + " can't be removed whole: " + error.message());
+    const UniqueFd directory = openDirectory(store.get(), id.c_str());
+    std::error_code error;
+    // Without its manifest a directory is no checkpoint: one that is removed half, by a process that dies, is never
+    // taken for whole.
+    if (directory && ::unlinkat(directory.get(), kManifestFile, 0) != 0 && errno != ENOENT) {
+        error = {errno, std::generic_category()};
+    } else {
+        error = removeTreeAt(store.get(), id);
     }
+    if (error) log(LogLevel::Warn, "checkpoint " + id + " can't be removed whole: " + error.message());
 }
 
 }  // namespace qm

@@ -41,7 +41,8 @@ private:
 };
 
 /// The directory of all checkpoints, `<root>/<id>/manifest.json` and `<root>/<id>/blobs/<sha256>`. Keeps nothing in
-/// memory. Not for several threads at once.
+/// memory. Not for several threads at once. What reads throws std::system_error if descriptors or memory ran out,
+/// rather than to say that there is nothing.
 class CheckpointStore {
 public:
     explicit CheckpointStore(std::filesystem::path root) : root_(std::move(root)) {}

@@ -5,17 +5,22 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <string_view>
 #include <system_error>
 
+#include "device/checkpoint_file_io.h"
 #include "device/directory_reader.h"
 #include "device/walk_errors.h"
+#include "util/random_id.h"
 #include "util/utf8.h"
 
 namespace qm {
 namespace {
 
 constexpr std::string_view kRepositoryDirectory = ".git";
+constexpr std::string_view kCopyPrefix = ".restoring-";
+constexpr std::size_t kCopyIdLength = 12;
 
 bool isUtf8(std::string_view text) {
     char32_t ignored = 0;
@@ -25,6 +30,18 @@ bool isUtf8(std::string_view text) {
         text.remove_prefix(length);
     }
     return true;
+}
+
+bool saysThatNoFileIsThere(const std::error_code& error) {
+    constexpr std::array kErrors{RootDirectory::kNotRegularFile, std::errc::no_such_file_or_directory,
+                                 std::errc::not_a_directory, std::errc::too_many_symbolic_link_levels,
+                                 std::errc::cross_device_link};
+    return std::any_of(kErrors.begin(), kErrors.end(), [&error](std::errc known) { return error == known; });
+}
+
+bool isCopyName(std::string_view name) {
+    return name.size() == kCopyPrefix.size() + kCopyIdLength && name.starts_with(kCopyPrefix) &&
+           name.find_first_not_of("0123456789abcdefghijklmnopqrstuvwxyz", kCopyPrefix.size()) == std::string_view::npos;
 }
 
 /// Lists a tree directory by directory. Those still to be listed are kept as paths, not as descriptors, so that the
@@ -73,6 +90,8 @@ private:
             pending_.push_back(std::move(path));
         } else if (!isUtf8(path)) {
             walk_.namesLeftOut = true;
+        } else if (isCopyName(entry.name)) {
+            if (walk_.leftovers.size() < maxFiles_) walk_.leftovers.push_back(std::move(path));
         } else if (walk_.files.size() < maxFiles_) {
             walk_.files.push_back(std::move(path));
         } else {
@@ -98,18 +117,22 @@ CheckpointTree::Walk CheckpointTree::walk(std::size_t maxFiles) const {
 CheckpointTree::OpenFile CheckpointTree::openFile(const std::string& path) const {
     OpenFile file;
     std::error_code error;
-    // Not blocking: a pipe may have taken the place of the file, and opening one waits for a writer.
-    file.fd = root_.open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY, error);
     struct stat status {};
-    if (file.fd && ::fstat(file.fd.get(), &status) == 0 && S_ISREG(status.st_mode)) {
-        file.sizeBytes = static_cast<std::uint64_t>(status.st_size);
-        return file;
+    file.fd = root_.openRegularFile(path, O_RDONLY, status, error);
+    if (!file.fd) {
+        throwIfShortage(error.value(), "cannot open a file of the workspace");
+        file.missing = saysThatNoFileIsThere(error);
+        if (file.missing) return file;
+        const auto found = root_.status(path, error);
+        if (!found) return file;
+        status = *found;
     }
-    file.fd.reset();
-    const auto found = root_.status(path, error);
-    file.missing = found ? !S_ISREG(found->st_mode) : error != std::errc::permission_denied;
-    if (found && !file.missing) file.sizeBytes = static_cast<std::uint64_t>(found->st_size);
+    file.sizeBytes = static_cast<std::uint64_t>(status.st_size);
     return file;
+}
+
+std::string CheckpointTree::newCopyName() {
+    return randomId(kCopyPrefix, kCopyIdLength);
 }
 
 bool CheckpointTree::isLeftOut(int directoryFd) const {

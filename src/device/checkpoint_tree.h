@@ -22,6 +22,8 @@ public:
         std::vector<std::string> files;  ///< Relative paths with "/", sorted by bytes.
         bool clipped = false;            ///< There are more files than `files` takes.
         bool namesLeftOut = false;       ///< Some names aren't UTF-8 and therefore not in `files`.
+        /// Copies that a killed restore left behind, at most as many as files; no part of the workspace's content.
+        std::vector<std::string> leftovers;
     };
 
     struct OpenFile {
@@ -37,7 +39,11 @@ public:
     /// std::system_error if the root can't be read, or a directory can't for another reason than its own.
     Walk walk(std::size_t maxFiles) const;
 
+    /// Throws std::system_error if descriptors or memory ran out, which tells nothing about the file.
     OpenFile openFile(const std::string& path) const;
+
+    /// A new name for a copy that is still being written beside its place.
+    static std::string newCopyName();
 
     const RootDirectory& root() const { return root_; }
     bool isLeftOut(int directoryFd) const;

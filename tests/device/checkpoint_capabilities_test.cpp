@@ -99,6 +99,28 @@ TEST_F(CheckpointCapabilities, AnUnknownWorkspaceIsNamedWithThoseThatThereAre) {
     }
 }
 
+TEST_F(CheckpointCapabilities, WithoutAnyWorkspaceThatIsSaid) {
+    workspaces_.remove(handle_);
+
+    for (const char* name : {"create_checkpoint", "show_changes", "restore_checkpoint"}) {
+        EXPECT_EQ(
+            call(name, {{"workspace", handle_}}),
+            json({{"error",
+                   "本设备尚未配置任何工作区，文件与终端能力已拒绝执行。请在 Executor 界面里添加一个工作目录。"}}));
+    }
+}
+
+TEST_F(CheckpointCapabilities, ChangesCanBeShownWithoutTheRightToWrite) {
+    writeFile(directory_ / "work/a", "1\n");
+    call("create_checkpoint", {{"workspace", handle_}});
+    writeFile(directory_ / "work/a", "2\n");
+    workspaces_.setPermission(handle_, WorkspacePermission::READ_ONLY);
+
+    const json shown = call("show_changes", {{"workspace", handle_}});
+
+    EXPECT_EQ(shown.at("changeCount"), 1) << dumpJson(shown);
+}
+
 TEST_F(CheckpointCapabilities, RestoringNeedsTheRightToWrite) {
     workspaces_.setPermission(handle_, WorkspacePermission::READ_ONLY);
 

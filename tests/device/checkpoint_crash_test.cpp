@@ -71,6 +71,31 @@ TEST_F(CheckpointCrash, AKillDuringCreationLeavesAStoreThatEveryOperationStillRe
     }
 }
 
+TEST_F(CheckpointCrash, AKillDuringPruningLeavesNoCheckpointListedWithoutItsBlobs) {
+    constexpr std::size_t kFiles = 300;
+    constexpr std::size_t kRounds = 5;
+    CheckpointService service(dataDir_, {.retained = 1});
+    for (std::size_t count = 0; count < kFiles; ++count)
+        put("file" + std::to_string(count), std::to_string(count));
+    for (std::size_t round = 0; round < kRounds; ++round) {
+        const fs::path oldest = store() / checkpoint(service) / "blobs";
+        const auto blobs = [&] {
+            std::error_code ignored;
+            const fs::directory_iterator entries(oldest, ignored);
+            return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+        };
+        const std::size_t stop = kFiles - 1 - round * kFiles / kRounds;
+        killDuring([&] { service.create(workspace_, ""); }, [&] { return blobs() <= stop; });
+
+        for (const auto& id : CheckpointStore(store()).idsOfWorkspace(workspace_.id)) {
+            const json whole = manifest(id);
+            for (const auto& file : whole.at("files"))
+                ASSERT_TRUE(fs::exists(store() / id / "blobs" / stringMember(file, "sha256"))) << id;
+        }
+    }
+    EXPECT_TRUE(everyOperationWorks());
+}
+
 TEST_F(CheckpointCrash, AKillDuringARestoreLeavesAWorkspaceThatTheNextRestoreRepairs) {
     constexpr int kFiles = 200;
     const auto content = [](int count) { return std::string(3000, 'o') + std::to_string(count); };

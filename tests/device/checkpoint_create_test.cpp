@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "device/checkpoint_fixture.h"
+#include "support/file_size_limit.h"
 #include "support/ordinary_user.h"
 #include "util/sha256.h"
 
@@ -277,6 +278,33 @@ TEST_F(CheckpointCreate, AStoreThatCanNotBeMadeIsAnError) {
 
     CheckpointService below(dataDir_ / "checkpoints/deeper");
     EXPECT_EQ(below.create(workspace_, ""), json({{"error", "无法创建 checkpoint 存储目录"}}));
+}
+
+TEST_F(CheckpointCreate, ABlobThatCanNotBeWrittenFailsTheCreationWithoutATrace) {
+    put("a", "small");
+    put("big", std::string(400'000, 'x'));
+    const std::string first = checkpoint();
+
+    for (const std::size_t limit : {std::size_t{100'000}, std::size_t{300'000}}) {
+        const FileSizeLimit full(limit);
+        EXPECT_EQ(service_.create(workspace_, ""), json({{"error", "无法写入 checkpoint 内容"}}));
+    }
+
+    EXPECT_THAT(stored(), ElementsAre(first));
+    EXPECT_EQ(service_.create(workspace_, "").at("complete"), true);
+}
+
+TEST_F(CheckpointCreate, AManifestThatCanNotBeWrittenFailsTheCreationWithoutATrace) {
+    for (int count = 0; count < 200; ++count)
+        put("file" + std::to_string(count), "x");
+    json result;
+    {
+        const FileSizeLimit full(10'000);
+        result = service_.create(workspace_, "");
+    }
+
+    EXPECT_EQ(result, json({{"error", "无法写入 checkpoint 清单"}}));
+    EXPECT_THAT(stored(), IsEmpty());
 }
 
 TEST_F(CheckpointCreate, AVanishedWorkspaceIsAnErrorThatLeavesNothingBehindAndLetsTheNextCallIn) {

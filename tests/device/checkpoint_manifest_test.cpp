@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <fstream>
 #include <random>
 
 #include "support/temporary_directory.h"
@@ -104,6 +105,31 @@ TEST_F(ManifestSummary, IsTheSameForShortAndLongLists) {
         EXPECT_EQ(summary->workspaceId, "ws_12345678");
         EXPECT_EQ(summary->sortKey, 1700000000123456789);
     }
+}
+
+/// Bytes that the calling thread has read so far.
+std::uint64_t bytesRead() {
+    std::ifstream io("/proc/thread-self/io");
+    std::string name;
+    std::uint64_t count = 0;
+    io >> name >> count;
+    EXPECT_EQ(name, "rchar:");
+    return count;
+}
+
+TEST_F(ManifestSummary, ReadsOnlyTheEndsOfALongManifest) {
+    const std::string text = manifestText(example(5000));
+    ASSERT_GT(text.size(), 400'000U);
+    writeFile(directory_ / "manifest", text);
+    const UniqueFd fd(::open((directory_ / "manifest").c_str(), O_RDONLY | O_CLOEXEC));
+    const std::uint64_t ownReading = bytesRead();
+    const std::uint64_t before = bytesRead();
+
+    const auto summary = readManifestSummary(fd.get());
+
+    const std::uint64_t after = bytesRead();
+    ASSERT_TRUE(summary);
+    EXPECT_LT(after - before - (before - ownReading), 16'000U);
 }
 
 TEST_F(ManifestSummary, IsFoundBehindALabelOfAnyLength) {

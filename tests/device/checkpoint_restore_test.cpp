@@ -1,15 +1,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <random>
 #include <thread>
 
 #include "device/checkpoint_fixture.h"
+#include "support/file_size_limit.h"
 #include "support/ordinary_user.h"
 
 namespace qm::test {
@@ -34,26 +33,6 @@ protected:
                 {"verified", true},
                 {"partial", false}};
     }
-};
-
-/// Limits the size of files that this process writes, the way a full disk ends a write in the middle.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) : previousHandler_(std::signal(SIGXFSZ, SIG_IGN)) {
-        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &previous_), 0);
-        const rlimit limit{bytes, previous_.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    }
-    ~FileSizeLimit() {
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &previous_), 0);
-        std::signal(SIGXFSZ, previousHandler_);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    rlimit previous_{};
-    void (*previousHandler_)(int);
 };
 
 TEST_F(CheckpointRestore, BringsBackModifiedAndDeletedFilesAndRemovesAddedOnes) {
@@ -439,33 +418,6 @@ TEST_F(CheckpointRestore, AWriteThatFailsInTheMiddleIsReportedForThoseFilesOnly)
                             {"error", kPartial}}));
     EXPECT_EQ(readTree(workspace_.hostPath), (Tree{{"big1", "changed"}, {"small", "1"}}));
     EXPECT_EQ(restore(id), success(id, 2, 0));
-}
-
-TEST_F(CheckpointRestore, ABlobThatCanNotBeWrittenFailsTheCreationWithoutATrace) {
-    put("a", "small");
-    put("big", std::string(400'000, 'x'));
-    const std::string first = checkpoint();
-
-    for (const rlim_t limit : {100'000, 300'000}) {
-        const FileSizeLimit full(limit);
-        EXPECT_EQ(service_.create(workspace_, ""), json({{"error", "无法写入 checkpoint 内容"}}));
-    }
-
-    EXPECT_THAT(stored(), ElementsAre(first));
-    EXPECT_EQ(service_.create(workspace_, "").at("complete"), true);
-}
-
-TEST_F(CheckpointRestore, AManifestThatCanNotBeWrittenFailsTheCreationWithoutATrace) {
-    for (int count = 0; count < 200; ++count)
-        put("file" + std::to_string(count), "x");
-    json result;
-    {
-        const FileSizeLimit full(10'000);
-        result = service_.create(workspace_, "");
-    }
-
-    EXPECT_EQ(result, json({{"error", "无法写入 checkpoint 清单"}}));
-    EXPECT_THAT(stored(), IsEmpty());
 }
 
 TEST_F(CheckpointRestore, AVanishedWorkspaceIsAnError) {
