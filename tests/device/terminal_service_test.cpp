@@ -10,11 +10,13 @@
 #include <filesystem>
 #include <future>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <vector>
 
+#include "device/failing_allocations.h"
 #include "device/process_host.h"
 #include "device/process_test_support.h"
 #include "device/refused_system_calls.h"
@@ -146,6 +148,40 @@ TEST(TerminalService, WithoutAThreadNothingIsStartedAndNothingIsWaitedFor) {
         EXPECT_EQ(terminal.list(), json::array());
         terminal.shutdown();
     });
+}
+
+TEST(TerminalService, WithoutMemoryNothingIsStartedAndNothingIsWaitedFor) {
+    bool started = false;
+    std::int64_t allocations = 0;
+    // Each of the start's allocations fails once.
+    for (; !started; ++allocations) {
+        TerminalService terminal(giving(exited("")));
+        ProcessOptions options = shell("a command that is too long to be kept without an allocation");
+        test::allowAllocations(allocations);
+        try {
+            terminal.start(std::move(options), "ws_test", "x", "");
+            started = true;
+        } catch (const std::bad_alloc&) {
+            started = false;
+        }
+        test::allowAllAllocations();
+
+        EXPECT_EQ(terminal.list().size(), started ? 1U : 0U) << allocations;
+        terminal.shutdown();
+    }
+    EXPECT_GT(allocations, 3) << "of the record, its entry and its thread";
+}
+
+TEST(TerminalService, ARunThatEndsForWantOfMemoryIsAFailedCommandAlsoIfThereIsNoneForWords) {
+    TerminalService terminal([](const ProcessOptions&, const auto&) -> ProcessResult {
+        test::allowAllocations(0);  // On the command's own thread, to its end.
+        throw std::bad_alloc();
+    });
+
+    const json record = endOf(terminal, start(terminal, "x"));
+
+    EXPECT_EQ(record["state"], "FAILED");
+    EXPECT_FALSE(record.contains("error"));
 }
 
 TEST(TerminalService, OutputIsReadFromAnOffset) {
