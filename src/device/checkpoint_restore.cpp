@@ -265,8 +265,10 @@ private:
 
 /// Whether the file at `path` has the content that the checkpoint remembers. One that could be read neither then nor
 /// now is as it was, as far as anybody knows.
-bool isUnchanged(const CheckpointTree& tree, const CheckpointFile& remembered, std::span<char> buffer) {
-    const auto file = tree.openFile(remembered.path);
+bool isUnchanged(const CheckpointTree& tree, const CheckpointTree::Walk& walk, const CheckpointFile& remembered,
+                 std::span<char> buffer) {
+    const bool isListed = std::binary_search(walk.files.begin(), walk.files.end(), remembered.path);
+    const auto file = isListed ? tree.openFile(remembered.path) : tree.openUncertain(remembered.path);
     const auto content =
         file.fd ? fingerprintFile(file.fd.get(), file.sizeBytes, buffer) : std::optional<Fingerprint>();
     if (!content) return !file.missing && remembered.sha256.empty();
@@ -281,7 +283,7 @@ RestorePlan planRestore(const CheckpointTree& tree, const CheckpointTree::Walk& 
     std::unordered_set<std::string_view> remembered;
     for (const CheckpointFile& file : manifest.files) {
         remembered.insert(file.path);
-        if (!isUnchanged(tree, file, buffer)) plan.toRestore.push_back(&file);
+        if (!isUnchanged(tree, walk, file, buffer)) plan.toRestore.push_back(&file);
     }
     const auto isAdded = [&remembered](const std::string& path) { return !remembered.contains(path); };
     std::copy_if(walk.files.begin(), walk.files.end(), std::back_inserter(plan.toDelete), isAdded);

@@ -50,7 +50,7 @@ std::filesystem::path canonicalRoot(const std::filesystem::path& hostPath) {
 }
 
 std::string readGitHead(const CheckpointTree& tree) {
-    const auto file = tree.openFile(".git/HEAD");
+    const auto file = tree.openUncertain(".git/HEAD");
     // More than this is white space, or cut off anyway.
     const auto text = file.fd ? readAt(file.fd.get(), 0, std::min<std::uint64_t>(file.sizeBytes, 4096)) : std::nullopt;
     return text ? std::string(trimmed(*text, " \t\r\n").substr(0, kMaxGitHeadBytes)) : std::string();

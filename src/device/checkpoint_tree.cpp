@@ -117,17 +117,36 @@ CheckpointTree::Walk CheckpointTree::walk(std::size_t maxFiles) const {
 CheckpointTree::OpenFile CheckpointTree::openFile(const std::string& path) const {
     OpenFile file;
     std::error_code error;
+    // Not blocking: a pipe may have taken the place of the file, and opening one waits for a writer.
+    file.fd = root_.open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY, error);
+    if (!file.fd) return unopened(path, error);
     struct stat status {};
-    file.fd = root_.openRegularFile(path, O_RDONLY, status, error);
-    if (!file.fd) {
-        throwIfShortage(error.value(), "cannot open a file of the workspace");
-        file.missing = saysThatNoFileIsThere(error);
-        if (file.missing) return file;
-        const auto found = root_.status(path, error);
-        if (!found) return file;
-        status = *found;
+    if (::fstat(file.fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return unopened(path, std::make_error_code(RootDirectory::kNotRegularFile));
     }
     file.sizeBytes = static_cast<std::uint64_t>(status.st_size);
+    return file;
+}
+
+CheckpointTree::OpenFile CheckpointTree::openUncertain(const std::string& path) const {
+    OpenFile file;
+    std::error_code error;
+    struct stat status {};
+    file.fd = root_.openRegularFile(path, O_RDONLY, status, error);
+    if (!file.fd) return unopened(path, error);
+    file.sizeBytes = static_cast<std::uint64_t>(status.st_size);
+    return file;
+}
+
+CheckpointTree::OpenFile CheckpointTree::unopened(const std::string& path, std::error_code error) const {
+    OpenFile file;
+    throwIfShortage(error.value(), "cannot open a file of the workspace");
+    file.missing = saysThatNoFileIsThere(error);
+    if (file.missing) return file;
+    if (const auto found = root_.status(path, error)) {
+        file.missing = !S_ISREG(found->st_mode);
+        file.sizeBytes = static_cast<std::uint64_t>(found->st_size);
+    }
     return file;
 }
 

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "device/directory_id.h"
@@ -39,8 +40,11 @@ public:
     /// std::system_error if the root can't be read, or a directory can't for another reason than its own.
     Walk walk(std::size_t maxFiles) const;
 
-    /// Throws std::system_error if descriptors or memory ran out, which tells nothing about the file.
+    /// Opens one of the files that walk() listed. Throws std::system_error if descriptors or memory ran out, which
+    /// tells nothing about the file.
     OpenFile openFile(const std::string& path) const;
+    /// The same for a path at which anything may be: a pipe or a device is looked at first, and not even opened.
+    OpenFile openUncertain(const std::string& path) const;
 
     /// A new name for a copy that is still being written beside its place.
     static std::string newCopyName();
@@ -49,6 +53,8 @@ public:
     bool isLeftOut(int directoryFd) const;
 
 private:
+    OpenFile unopened(const std::string& path, std::error_code error) const;
+
     RootDirectory root_;
     std::optional<DirectoryId> leftOut_;
 };

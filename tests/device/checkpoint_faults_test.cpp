@@ -46,18 +46,24 @@ TEST_F(CheckpointFaults, AFileIsMissingOnlyIfTheSystemSaysSo) {
     put("file", "12345");
     const CheckpointTree tree(workspace_.hostPath, std::nullopt);
     for (const int error : {ENOENT, ENOTDIR, ELOOP, EXDEV}) {
-        withRefusedCalls({{SYS_openat2, error}}, [&] { EXPECT_TRUE(tree.openFile("file").missing) << error; });
+        withRefusedCalls({{SYS_openat2, error}}, [&] {
+            EXPECT_TRUE(tree.openFile("file").missing) << error;
+            EXPECT_TRUE(tree.openUncertain("file").missing) << error;
+        });
     }
     for (const int error : {EACCES, EIO, ENAMETOOLONG, ETXTBSY, EINVAL}) {
         withRefusedCalls({{SYS_openat2, error}}, [&] {
-            const auto file = tree.openFile("file");
-            EXPECT_FALSE(file.missing) << error;
-            EXPECT_FALSE(file.fd) << error;
+            const auto listed = tree.openFile("file");
+            const auto uncertain = tree.openUncertain("file");
+            EXPECT_FALSE(listed.missing || uncertain.missing) << error;
+            EXPECT_FALSE(listed.fd || uncertain.fd) << error;
         });
     }
     for (const int error : {EMFILE, ENFILE, ENOMEM}) {
-        withRefusedCalls({{SYS_openat2, error}},
-                         [&] { EXPECT_THROW(tree.openFile("file"), std::system_error) << error; });
+        withRefusedCalls({{SYS_openat2, error}}, [&] {
+            EXPECT_THROW(tree.openFile("file"), std::system_error) << error;
+            EXPECT_THROW(tree.openUncertain("file"), std::system_error) << error;
+        });
     }
 }
 
