@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "capabilities/capability_arguments.h"
-#include "capabilities/capability_registry.h"
+#include "device/capability_table.h"
 #include "device/checkpoint_service.h"
 #include "device/workspace_registry.h"
 #include "util/json.h"
@@ -14,30 +14,19 @@
 namespace qm {
 namespace {
 
-struct Entry {
-    const char* name;
-    const char* displayName;
-    const char* effect;
-    const char* description;
-    json (*handler)(CheckpointService& checkpoints, const Workspace& workspace, const json& arguments);
-    json (*parameters)();
-};
-
-json stringProperty(const char* description) {
-    return json{{"type", "string"}, {"description", description}};
-}
+using Handler = json (*)(CheckpointService& checkpoints, const Workspace& workspace, const json& arguments);
 
 json schema(json properties, std::vector<const char*> required) {
-    properties["workspace"] = stringProperty("Workspace handle from list_workspaces (never a host path).");
+    properties["workspace"] = parameterOfType("string", "Workspace handle from list_workspaces (never a host path).");
     return json{{"type", "object"}, {"properties", std::move(properties)}, {"required", std::move(required)}};
 }
 
 json checkpointProperty() {
-    return stringProperty("Checkpoint handle returned by create_checkpoint (ck_xxx).");
+    return parameterOfType("string", "Checkpoint handle returned by create_checkpoint (ck_xxx).");
 }
 
 json createParameters() {
-    return schema({{"label", stringProperty("Optional human-readable label.")}}, {"workspace"});
+    return schema({{"label", parameterOfType("string", "Optional human-readable label.")}}, {"workspace"});
 }
 
 json showParameters() {
@@ -64,7 +53,7 @@ json restoreCheckpoint(CheckpointService& checkpoints, const Workspace& workspac
     return checkpoints.restore(workspace, id);
 }
 
-constexpr std::array<Entry, 3> kEntries{{
+constexpr std::array<CapabilityEntry<Handler>, 3> kEntries{{
     {"create_checkpoint", "创建工作区快照", "WRITE",
      "Snapshot the current workspace state so later changes (including changes made by shell commands) can be diffed "
      "and "
@@ -84,22 +73,13 @@ constexpr std::array<Entry, 3> kEntries{{
 
 void registerCheckpointCapabilities(CapabilityRegistry& registry, WorkspaceRegistry& workspaces,
                                     CheckpointService& checkpoints) {
-    for (const auto& entry : kEntries) {
-        CapabilityDef definition;
-        definition.name = entry.name;
-        definition.displayName = entry.displayName;
-        definition.description = entry.description;
-        definition.parameters = entry.parameters();
-        definition.effect = entry.effect;
-        definition.handler = [handler = entry.handler, &workspaces, &checkpoints](const json& arguments) {
-            const std::string& handle = textArgument(arguments, "workspace");
-            const auto workspace = workspaces.find(handle);
-            // The registry words the refusal of a handle that it doesn't know.
-            if (!workspace) return json{{"error", workspaces.resolve(handle, "", ResolveMode::MustExist).error}};
-            return handler(checkpoints, *workspace, arguments);
-        };
-        registry.registerCapability(std::move(definition));
-    }
+    registerTable(registry, kEntries, [&workspaces, &checkpoints](Handler handler, const json& arguments) {
+        const std::string& handle = textArgument(arguments, "workspace");
+        const auto workspace = workspaces.find(handle);
+        // The registry words the refusal of a handle that it doesn't know.
+        if (!workspace) return json{{"error", workspaces.resolve(handle, "", ResolveMode::MustExist).error}};
+        return handler(checkpoints, *workspace, arguments);
+    });
 }
 
 }  // namespace qm

@@ -10,32 +10,21 @@
 #include <vector>
 
 #include "capabilities/capability_arguments.h"
-#include "capabilities/capability_registry.h"
+#include "device/capability_table.h"
 #include "device/worktree_service.h"
 #include "util/json.h"
 
 namespace qm {
 namespace {
 
-struct Entry {
-    const char* name;
-    const char* displayName;
-    const char* effect;
-    const char* description;
-    json (*handler)(WorktreeService& worktrees, const json& arguments);
-    json (*parameters)();
-};
-
-json property(const char* type, const char* description) {
-    return json{{"type", type}, {"description", description}};
-}
+using Handler = json (*)(WorktreeService& worktrees, const json& arguments);
 
 json createParameters() {
     return json{{"type", "object"},
                 {"properties",
-                 {{"workspace", property("string", "Source workspace handle (must be a git repo).")},
-                  {"owner", property("string", "Who this tree is for; recorded for audit.")},
-                  {"leaseMinutes", property("integer", "Lease length; expired trees are reclaimed.")}}},
+                 {{"workspace", parameterOfType("string", "Source workspace handle (must be a git repo).")},
+                  {"owner", parameterOfType("string", "Who this tree is for; recorded for audit.")},
+                  {"leaseMinutes", parameterOfType("integer", "Lease length; expired trees are reclaimed.")}}},
                 {"required", {"workspace"}}};
 }
 
@@ -46,8 +35,8 @@ json listParameters() {
 json removeParameters() {
     return json{{"type", "object"},
                 {"properties",
-                 {{"worktree", property("string", "Worktree handle from create_worktree.")},
-                  {"force", property("boolean", "Discard uncommitted changes.")}}},
+                 {{"worktree", parameterOfType("string", "Worktree handle from create_worktree.")},
+                  {"force", parameterOfType("boolean", "Discard uncommitted changes.")}}},
                 {"required", {"worktree"}}};
 }
 
@@ -97,7 +86,7 @@ json removeWorktree(WorktreeService& worktrees, const json& arguments) {
                 {"discardedUncommittedChanges", removed.hadUncommittedChanges && force}};
 }
 
-constexpr std::array<Entry, 3> kEntries{{
+constexpr std::array<CapabilityEntry<Handler>, 3> kEntries{{
     {"create_worktree", "创建隔离工作树", "WRITE",
      "Derive an isolated git worktree from a workspace so parallel work does not collide. Returns a workspace handle "
      "scoped to the new tree.",
@@ -113,18 +102,8 @@ constexpr std::array<Entry, 3> kEntries{{
 }  // namespace
 
 void registerWorktreeCapabilities(CapabilityRegistry& registry, WorktreeService& worktrees) {
-    for (const auto& entry : kEntries) {
-        CapabilityDef definition;
-        definition.name = entry.name;
-        definition.displayName = entry.displayName;
-        definition.description = entry.description;
-        definition.parameters = entry.parameters();
-        definition.effect = entry.effect;
-        definition.handler = [handler = entry.handler, &worktrees](const json& arguments) {
-            return handler(worktrees, arguments);
-        };
-        registry.registerCapability(std::move(definition));
-    }
+    registerTable(registry, kEntries,
+                  [&worktrees](Handler handler, const json& arguments) { return handler(worktrees, arguments); });
 }
 
 }  // namespace qm
