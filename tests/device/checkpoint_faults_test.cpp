@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <functional>
 #include <system_error>
 
 #include "device/checkpoint_fixture.h"

@@ -4,11 +4,11 @@
 #include <sys/syscall.h>
 
 #include <cerrno>
-#include <thread>
+#include <chrono>
+#include <cstdlib>
 
 #include "device/refused_system_calls.h"
 #include "device/worktree_fixture.h"
-#include "support/wait_until.h"
 
 namespace qm::test {
 namespace {
