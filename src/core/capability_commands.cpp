@@ -17,7 +17,7 @@ json takeMember(json& frame, const char* key) {
     return member == frame.end() ? json() : std::move(*member);
 }
 
-void execute(const GatewayHost& host, GatewayRequest request) {
+void execute(const GatewayHost& host, GatewayRequest&& request) {
     const json* id = findMember(request.frame, "capabilityId");
     std::string name =
         id != nullptr && id->is_string() ? id->get<std::string>() : stringMember(request.frame, "capability");
@@ -37,16 +37,16 @@ std::string noResolutionText(const GatewayRequest& request) {
     return "Capability does not support resolution: " + stringMember(request.frame, "capabilityId");
 }
 
-void refuseResolution(const GatewayHost&, GatewayRequest request) {
+void refuseResolution(const GatewayHost&, GatewayRequest&& request) {
     request.reply("resolutionToolResult", "result", {{"error", noResolutionText(request)}});
 }
 
-void refuseValidation(const GatewayHost&, GatewayRequest request) {
+void refuseValidation(const GatewayHost&, GatewayRequest&& request) {
     request.reply("validateCapabilityArgsResult", "validation",
                   {{"valid", false}, {"code", "CANONICAL_SEMANTIC_INVALID"}, {"message", noResolutionText(request)}});
 }
 
-void syncPolicy(const GatewayHost& host, GatewayRequest request) {
+void syncPolicy(const GatewayHost& host, GatewayRequest&& request) {
     const json* list = findMember(request.frame, "disabledCapabilityIds");
     if (list == nullptr || !list->is_array()) return;
     std::set<std::string> disabled;
@@ -58,7 +58,7 @@ void syncPolicy(const GatewayHost& host, GatewayRequest request) {
     log(LogLevel::Info, "capability policy synchronized: " + std::to_string(count) + " disabled");
 }
 
-void updatePolicy(const GatewayHost& host, GatewayRequest request) {
+void updatePolicy(const GatewayHost& host, GatewayRequest&& request) {
     const std::string id = stringMember(request.frame, "capabilityId");
     if (trimmed(id).empty()) {
         request.reply("capabilityPolicyAck", "data", {{"ok", false}, {"error", "capabilityId must not be blank"}});

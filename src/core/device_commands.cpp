@@ -8,13 +8,13 @@
 namespace qm {
 namespace {
 
-void collectMetrics(const GatewayHost& host, GatewayRequest request) {
+void collectMetrics(const GatewayHost& host, GatewayRequest&& request) {
     host.detachGuarded("metrics", [services = host.services, settings = host.settings(), request = std::move(request)] {
         request.reply("metricsResult", "data", services->metrics.collect(settings));
     });
 }
 
-void refuseJarPlugin(const GatewayHost&, GatewayRequest request) {
+void refuseJarPlugin(const GatewayHost&, GatewayRequest&& request) {
     request.reply("installPluginAck", "data",
                   {{"ok", false},
                    {"error",
@@ -22,12 +22,12 @@ void refuseJarPlugin(const GatewayHost&, GatewayRequest request) {
                     "Plugin API v2"}});
 }
 
-void refuseModelFolder(const GatewayHost&, GatewayRequest request) {
+void refuseModelFolder(const GatewayHost&, GatewayRequest&& request) {
     request.reply("folderOpenResult", "data",
                   {{"ok", false}, {"error", "private model folders arrive with the GGUF runtime (M2b)"}});
 }
 
-void takeRejection(const GatewayHost& host, GatewayRequest request) {
+void takeRejection(const GatewayHost& host, GatewayRequest&& request) {
     host.markRejected();
     log(LogLevel::Error, "网关拒绝注册（60s 后重试）: " + stringMember(request.frame, "reason", "设备位配额已满"));
 }

@@ -23,7 +23,7 @@ struct GatewayRequest {
 };
 
 /// Runs on the thread that reads the session: long work goes through GatewayHost::detachGuarded.
-using GatewayHandler = void (*)(const GatewayHost& host, GatewayRequest request);
+using GatewayHandler = void (*)(const GatewayHost& host, GatewayRequest&& request);
 
 struct GatewayCommand {
     std::string_view type;

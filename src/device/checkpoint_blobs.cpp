@@ -37,7 +37,7 @@ std::optional<Fingerprint> CheckpointBlobs::store(int source, std::uint64_t size
 
 /// A content that fits the buffer is known before it is written and needs no second name.
 std::optional<Fingerprint> CheckpointBlobs::storeSmall(int source, std::uint64_t size, std::span<char> buffer) const {
-    const auto content = fingerprintFile(source, size, buffer);
+    auto content = fingerprintFile(source, size, buffer);
     if (!content) return std::nullopt;
     UniqueFd blob(
         ::openat(directory_.get(), content->sha256.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kBlobMode));

@@ -91,7 +91,7 @@ private:
         if (!oldText) return std::nullopt;
         auto text = textDiff(before.path, *oldText, *newText);
         if (!text) return std::nullopt;
-        *text = asJsonText(*std::move(text));
+        text = asJsonText(std::move(*text));
         if (text->size() > budget_) {
             diff_.diffTruncated = true;
             return std::nullopt;

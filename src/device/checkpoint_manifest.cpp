@@ -73,12 +73,7 @@ public:
     }
 
     bool string(std::string& value) override {
-        if (isOfFile()) {
-            if (key_ == "path") manifest_.files.back().path = std::move(value);
-            if (key_ == "sha256") manifest_.files.back().sha256 = std::move(value);
-        } else if (isOfManifest()) {
-            takeText(std::move(value));
-        }
+        if (std::string* member = textMember()) *member = std::move(value);
         return other();
     }
 
@@ -128,11 +123,18 @@ private:
     bool isOfManifest() const { return isObject_ && depth_ == kManifestDepth; }
     bool isOfFile() const { return inFiles_ && depth_ == kFileDepth; }
 
-    void takeText(std::string value) {
-        if (key_ == "id") manifest_.id = std::move(value);
-        if (key_ == "workspaceId") manifest_.workspaceId = std::move(value);
-        if (key_ == "label") manifest_.label = std::move(value);
-        if (key_ == "gitHead") manifest_.gitHead = std::move(value);
+    /// Where a text of this place belongs; null if it is passed over.
+    std::string* textMember() {
+        if (isOfFile()) {
+            if (key_ == "path") return &manifest_.files.back().path;
+            if (key_ == "sha256") return &manifest_.files.back().sha256;
+        } else if (isOfManifest()) {
+            if (key_ == "id") return &manifest_.id;
+            if (key_ == "workspaceId") return &manifest_.workspaceId;
+            if (key_ == "label") return &manifest_.label;
+            if (key_ == "gitHead") return &manifest_.gitHead;
+        }
+        return nullptr;
     }
 
     /// Ends every event of a value that is no object: among the files there may be none.

@@ -13,6 +13,7 @@
 namespace qm {
 
 /// A command at one moment.
+// NOLINTNEXTLINE(bugprone-exception-escape): moving a JSON value throws nothing.
 struct CommandSnapshot {
     bool known = false;  ///< There is such a command for this owner.
     bool running = false;

@@ -247,8 +247,10 @@ TEST(ExecutorCore, ManyChangesAtOnceEndInARegisterThatShowsThemAll) {
     running.start();
     gateway.waitForRegister();
 
+    constexpr std::size_t kChanges = 16;
     std::vector<std::future<void>> changes;
-    for (int i = 0; i < 16; ++i) {
+    changes.reserve(kChanges);
+    for (std::size_t i = 0; i < kChanges; ++i) {
         changes.push_back(std::async(std::launch::async, [&running, i] {
             running.registry.registerCapability(capability("c" + std::to_string(i)));
         }));

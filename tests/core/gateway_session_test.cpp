@@ -73,7 +73,7 @@ TEST_F(GatewaySessionMessages, AChangeThatCameTooLateForOneIsSentBehindIt) {
 TEST_F(GatewaySessionMessages, ManyChangesDuringOneAreShownByOneMore) {
     whileBuilding = [this] {
         if (tableVersion < 5) tableVersion = 5;
-        for (const std::uint64_t version : {2, 5, 4, 3})
+        for (const std::uint64_t version : {2U, 5U, 4U, 3U})
             session->capabilitiesChanged(version);
     };
 

@@ -9,6 +9,7 @@
 #include "device/checkpoint_fixture.h"
 #include "support/file_size_limit.h"
 #include "support/ordinary_user.h"
+#include "support/run_on_threads.h"
 #include "util/sha256.h"
 
 namespace qm::test {
@@ -185,7 +186,7 @@ TEST_F(CheckpointCreate, AFileOfTheGreatestSizeIsCapturedAndALongerOneOnlyFinger
 }
 
 TEST_F(CheckpointCreate, ContentsOfEverySizeAroundTheReadingBufferAreStoredWhole) {
-    for (const std::size_t size : {0, 1, 262143, 262144, 262145, 524288, 1000000}) {
+    for (const std::size_t size : {0U, 1U, 262143U, 262144U, 262145U, 524288U, 1000000U}) {
         std::string content(size, 'x');
         for (std::size_t index = 0; index < size; ++index)
             content[index] = static_cast<char>(index * 7 % 251);
@@ -324,9 +325,9 @@ TEST_F(CheckpointCreate, TheNinthCheckpointRemovesTheOldestOfItsWorkspaceOnly) {
     other.id = "ws_other";
     const std::string foreign = stringMember(service_.create(other, ""), "checkpoint");
     writeFile(store() / "ck_damaged00/manifest.json", "{");
-    std::vector<std::string> own;
-    for (int count = 0; count < 8; ++count)
-        own.push_back(checkpoint());
+    std::vector<std::string> own(8);
+    for (auto& id : own)
+        id = checkpoint();
     EXPECT_THAT(stored(), SizeIs(10));
 
     own.push_back(checkpoint());
@@ -394,19 +395,15 @@ TEST_F(CheckpointCreate, AFileThatChangesMeanwhileIsStoredAsItWasRead) {
 
 TEST_F(CheckpointCreate, ManyThreadsAreServedOneAfterTheOther) {
     put("file", "x");
-    std::vector<std::jthread> threads;
     std::atomic<int> failures = 0;
-    for (int count = 0; count < 8; ++count) {
-        threads.emplace_back([&, count] {
-            Workspace own = workspace_;
-            own.id = "ws_" + std::to_string(count % 2);
-            for (int round = 0; round < 5; ++round) {
-                const json created = service_.create(own, "");
-                if (created.contains("error") || service_.diff(own, "").contains("error")) ++failures;
-            }
-        });
-    }
-    threads.clear();
+    runOnThreads(8, [&](std::size_t number) {
+        Workspace own = workspace_;
+        own.id = "ws_" + std::to_string(number % 2);
+        for (int round = 0; round < 5; ++round) {
+            const json created = service_.create(own, "");
+            if (created.contains("error") || service_.diff(own, "").contains("error")) ++failures;
+        }
+    });
 
     EXPECT_EQ(failures, 0);
     EXPECT_THAT(stored(), SizeIs(16));

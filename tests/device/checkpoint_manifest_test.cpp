@@ -98,7 +98,7 @@ TEST(CheckpointManifest, RandomBytesAreEitherRefusedOrReadWithoutHarm) {
 }
 
 TEST_F(ManifestSummary, IsTheSameForShortAndLongLists) {
-    for (const std::size_t files : {0, 1, 50, 5000}) {
+    for (const std::size_t files : {0U, 1U, 50U, 5000U}) {
         const auto summary = summaryOf(manifestText(example(files)));
 
         ASSERT_TRUE(summary) << files;
@@ -158,7 +158,7 @@ TEST_F(ManifestSummary, ThereIsNoneForWhatIsNoManifest) {
         EXPECT_FALSE(summaryOf(text)) << text;
     }
     const std::string whole = manifestText(example(500));
-    for (const std::size_t missing : {1, 2, 30, 100, 5000, 20000}) {
+    for (const std::size_t missing : {1U, 2U, 30U, 100U, 5000U, 20000U}) {
         EXPECT_FALSE(summaryOf(std::string_view(whole).substr(0, whole.size() - missing))) << missing;
     }
 }

@@ -1,6 +1,7 @@
 #include "device/sandbox.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <stdlib.h>
@@ -182,12 +183,11 @@ TEST_F(SandboxTest, WorkspaceModeReadsAndExecutesEverywhere) {
 }
 
 TEST_F(SandboxTest, WorkspaceModeChangesNothingOutside) {
-    const std::string out = outside.string();
-    for (const std::string& command :
-         {"echo x > " + out + "/new", "echo x >> " + out + "/old", "rm " + out + "/old", "mkdir " + out + "/dir",
-          "rmdir " + out, "ln -s x " + out + "/link", "mkfifo " + out + "/pipe", "cp " + out + "/old " + out + "/copy",
-          "mv " + out + "/old " + out + "/moved", "sh -c 'sh -c \"echo x > " + out + "/new\"'"}) {
-        const ProcessResult result = run(SandboxMode::WORKSPACE, command);
+    const std::string where = "export OUT='" + outside.string() + "'; ";
+    for (const char* command : {"echo x > $OUT/new", "echo x >> $OUT/old", "rm $OUT/old", "mkdir $OUT/dir",
+                                "rmdir $OUT", "ln -s x $OUT/link", "mkfifo $OUT/pipe", "cp $OUT/old $OUT/copy",
+                                "mv $OUT/old $OUT/moved", "sh -c 'sh -c \"echo x > $OUT/new\"'"}) {
+        const ProcessResult result = run(SandboxMode::WORKSPACE, where + command);
 
         EXPECT_NE(result.exitCode, 0) << command;
         EXPECT_THAT(result.stderrText, testing::HasSubstr("Permission denied")) << command;

@@ -1,5 +1,6 @@
 #include "device/terminal_capabilities.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/run_on_threads.h"
 #include "support/temporary_directory.h"
 #include "util/json.h"
 
@@ -324,20 +325,15 @@ TEST_F(WorkspaceTable, ChangesAndLookUpsMayComeFromManyThreads) {
     for (int i = 0; i < 8; ++i)
         fs::create_directory(directory / ("d" + std::to_string(i)));
     std::atomic<int> resolved{0};
-    {
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < 8; ++i) {
-            threads.emplace_back([this, i, &resolved] {
-                const auto added =
-                    registry.add((directory / ("d" + std::to_string(i))).native(), "", WorkspacePermission::FULL);
-                for (int round = 0; round < 20; ++round) {
-                    registry.setPermission(added.workspace->id, WorkspacePermission::EXECUTE);
-                    if (registry.resolve(added.workspace->id, "new", ResolveMode::ParentMustExist).ok) ++resolved;
-                }
-                if (i % 2 == 0) registry.remove(added.workspace->id);
-            });
+    test::runOnThreads(8, [this, &resolved](std::size_t number) {
+        const auto added =
+            registry.add((directory / ("d" + std::to_string(number))).native(), "", WorkspacePermission::FULL);
+        for (int round = 0; round < 20; ++round) {
+            registry.setPermission(added.workspace->id, WorkspacePermission::EXECUTE);
+            if (registry.resolve(added.workspace->id, "new", ResolveMode::ParentMustExist).ok) ++resolved;
         }
-    }
+        if (number % 2 == 0) registry.remove(added.workspace->id);
+    });
     EXPECT_EQ(resolved.load(), 160);
     EXPECT_EQ(registry.list().size(), 4U);
 

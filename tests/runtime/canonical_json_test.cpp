@@ -15,6 +15,7 @@ namespace {
 using test::randomJson;
 
 constexpr std::size_t kDepth = 64;
+constexpr char kByteOrderMarkAndNumber[] = {'\xEF', '\xBB', '\xBF', '1', '\0'};
 
 /// A text is taken exactly if the library parses it and dumps it to the same bytes.
 void expectLikeTheLibrary(const std::string& text) {
@@ -110,8 +111,7 @@ TEST(CanonicalJson, OtherSpellingsOfAValueAreNotTaken) {
                                    "\"\xED\xA0\x80\"",
                                    "\"\xF4\x90\x80\x80\"",
                                    "\"\n\"",
-                                   "\xEF\xBB\xBF"
-                                   "1"}) {
+                                   kByteOrderMarkAndNumber}) {
         EXPECT_FALSE(parseCanonicalJson(text, kDepth)) << text;
     }
 }
@@ -131,7 +131,7 @@ TEST(CanonicalJson, TheDepthIsLimited) {
     const auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
     EXPECT_TRUE(parseCanonicalJson(nested(kDepth), kDepth));
     EXPECT_FALSE(parseCanonicalJson(nested(kDepth + 1), kDepth));
-    EXPECT_FALSE(parseCanonicalJson(std::string(10'000'000, '['), kDepth));
+    EXPECT_FALSE(parseCanonicalJson(std::string(1'000'000, '['), kDepth));
     EXPECT_TRUE(parseCanonicalJson(R"({"a":[]})", 2));
     EXPECT_FALSE(parseCanonicalJson(R"({"a":[]})", 1));
     EXPECT_TRUE(parseCanonicalJson("1", 0));

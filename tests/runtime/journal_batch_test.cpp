@@ -9,6 +9,7 @@
 
 #include "runtime/journal_fixture.h"
 #include "runtime/random_json.h"
+#include "support/exhaustive.h"
 #include "util/json.h"
 #include "util/sha256.h"
 
@@ -292,6 +293,7 @@ TEST(JournalBatch, EveryOtherValueOfEveryByteIsRefusedUnlessItSpellsTheSame) {
                 taken.insert(std::move(changed));
                 continue;
             }
+            if ((256 * at + static_cast<std::size_t>(value)) % qm::test::kExhaustiveStep != 0) continue;
             ASSERT_EQ(decodeFailure(changed), verdictOn(changed)) << at << " " << value;
         }
     }
@@ -301,8 +303,11 @@ TEST(JournalBatch, EveryOtherValueOfEveryByteIsRefusedUnlessItSpellsTheSame) {
 TEST(JournalBatch, ANulIsNoEndOfALine) {
     const std::string line = sealed(validEnvelope());
     const std::string nul(1, '\0');
-    for (const std::string& changed :
-         {line + nul, nul + line, line + nul + line, line + nul + "anything", line + " " + nul, nul}) {
+    std::vector<std::string> lines = {line + nul, nul + line, line + nul, line + nul, line + ' ', nul};
+    lines[2].append(line);
+    lines[3].append("anything");
+    lines[4].append(nul);
+    for (const std::string& changed : lines) {
         EXPECT_EQ(decodeFailure(changed), kInvalid);
     }
 }

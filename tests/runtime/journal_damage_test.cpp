@@ -13,12 +13,14 @@
 
 #include "runtime/journal_fixture.h"
 #include "runtime/jsonl_agent_event_store.h"
+#include "support/exhaustive.h"
 #include "support/temporary_directory.h"
 #include "util/unique_fd.h"
 
 namespace qm {
 namespace {
 
+using qm::test::kExhaustiveStep;
 using qm::test::readFile;
 using qm::test::TemporaryDirectory;
 using qm::test::writeFile;
@@ -92,7 +94,7 @@ TEST(JournalDamage, EveryCutOfAJournalReadsAsItsCompleteBatches) {
     const TemporaryDirectory directory;
     JsonlAgentEventStore known(directory.path());
     const auto file = known.fileOf("s1");
-    for (std::size_t size = 0; size <= content.size(); ++size) {
+    for (std::size_t size = 0; size <= content.size(); size += kExhaustiveStep) {
         const std::string cut = content.substr(0, size);
         const std::string complete = cut.substr(0, cut.rfind('\n') + 1);
         const std::uint64_t last = lastSequenceOf(std::count(cut.begin(), cut.end(), '\n'));
@@ -118,25 +120,23 @@ TEST(JournalDamage, EveryFlippedBitOfACompleteLineIsFoundByAFreshStoreAndByOneTh
     ASSERT_EQ(known.read("s1", 0).size(), 3U);
     const Patch patch(file);
     // The last line feed is left alone: without it the line isn't complete.
-    for (std::size_t at = 0; at + 1 < content.size(); ++at) {
-        for (unsigned bit = 0; bit < 8; ++bit) {
-            std::string changed = content;
-            changed[at] = static_cast<char>(static_cast<unsigned char>(changed[at]) ^ (1U << bit));
-            const std::string expected = verdictOn(changed);
-            ASSERT_NE(expected, "no failure") << at << " " << bit;
-            patch.put(at, changed[at]);
-            JsonlAgentEventStore fresh(directory.path());
+    for (std::size_t flip = 0; flip < 8 * (content.size() - 1); flip += kExhaustiveStep) {
+        const std::size_t at = flip / 8;
+        std::string changed = content;
+        changed[at] = static_cast<char>(static_cast<unsigned char>(changed[at]) ^ (1U << flip % 8));
+        const std::string expected = verdictOn(changed);
+        ASSERT_NE(expected, "no failure") << flip;
+        patch.put(at, changed[at]);
+        JsonlAgentEventStore fresh(directory.path());
 
-            ASSERT_EQ(failureOf<std::runtime_error>([&] { fresh.read("s1", 0); }), expected) << at << " " << bit;
-            ASSERT_EQ(failureOf<std::runtime_error>([&] { known.read("s1", 3); }), expected) << at << " " << bit;
-            ASSERT_EQ(failureOf<std::runtime_error>([&] { known.append("s1", 3, makeEvents("s1", 1)); }), expected)
-                << at << " " << bit;
-            ASSERT_EQ(std::filesystem::file_size(file), content.size());
+        ASSERT_EQ(failureOf<std::runtime_error>([&] { fresh.read("s1", 0); }), expected) << flip;
+        ASSERT_EQ(failureOf<std::runtime_error>([&] { known.read("s1", 3); }), expected) << flip;
+        ASSERT_EQ(failureOf<std::runtime_error>([&] { known.append("s1", 3, makeEvents("s1", 1)); }), expected) << flip;
+        ASSERT_EQ(std::filesystem::file_size(file), content.size());
 
-            patch.put(at, content[at]);
-            if (bit != at % 8) continue;
-            ASSERT_EQ(known.read("s1", 0).size(), 3U);
-        }
+        patch.put(at, content[at]);
+        if (flip % 8 != at % 8) continue;
+        ASSERT_EQ(known.read("s1", 0).size(), 3U);
     }
 }
 
@@ -172,7 +172,7 @@ TEST(JournalDamage, NoLineIsLostByAnotherByteInPlaceOfTheLineFeedBeforeItOrByANu
     std::iota(every.begin(), every.end(), 0);
 
     expectEveryValueIsFound(known, directory.path(), content, first.size() - 1, every);
-    for (std::size_t at = 0; at + 1 < content.size(); ++at)
+    for (std::size_t at = 0; at + 1 < content.size(); at += kExhaustiveStep)
         expectEveryValueIsFound(known, directory.path(), content, at, {0});
 
     EXPECT_EQ(readFile(known.fileOf("s1")), content);

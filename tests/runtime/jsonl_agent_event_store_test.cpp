@@ -9,12 +9,14 @@
 
 #include "runtime/journal_batch.h"
 #include "runtime/journal_fixture.h"
+#include "support/exhaustive.h"
 #include "support/temporary_directory.h"
 #include "util/sha256.h"
 
 namespace qm {
 namespace {
 
+using qm::test::kExhaustiveStep;
 using qm::test::readFile;
 using qm::test::TemporaryDirectory;
 using qm::test::writeFile;
@@ -94,7 +96,7 @@ TEST_F(JsonlStore, AReadStartsBehindASequenceWhetherTheJournalIsKnownOrNot) {
     }
     ASSERT_GT(content().size(), std::size_t{200'000});
     JsonlAgentEventStore fresh(directory.path());
-    for (std::uint64_t after = 0; after <= last + 1; after += 1 + after / 40) {
+    for (std::uint64_t after = 0; after <= last + 1; after += (1 + after / 40) * kExhaustiveStep) {
         const auto events = store.read("s1", after);
         ASSERT_EQ(events.size(), after < last ? last - after : 0) << after;
         for (std::size_t index = 0; index < events.size(); ++index)

@@ -14,6 +14,7 @@
 #include "runtime/jsonl_agent_event_store.h"
 #include "runtime/session_actor.h"
 #include "runtime/session_fixture.h"
+#include "support/exhaustive.h"
 #include "support/temporary_directory.h"
 
 namespace qm::runtime {
@@ -24,6 +25,7 @@ using test::SessionModel;
 
 constexpr int kSequencesPerSeed = 10;
 constexpr int kOperationsPerSequence = 550;
+constexpr int kSeeds = qm::test::kExhaustiveStep == 1 ? 20 : 3;
 constexpr int kOperationsOfShortSequence = 150;
 
 json answerOf(const CommandResult& result) {
@@ -389,7 +391,7 @@ TEST_P(SessionAgainstModel, TheActorAnswersWritesAndRemembersWhatTheModelDoes) {
     EXPECT_EQ(facts, kEveryFact);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, SessionAgainstModel, testing::Range(1, 21));
+INSTANTIATE_TEST_SUITE_P(Seeds, SessionAgainstModel, testing::Range(1, kSeeds + 1));
 
 }  // namespace
 }  // namespace qm::runtime

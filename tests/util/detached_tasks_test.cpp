@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "device/refused_system_calls.h"
+#include "support/run_on_threads.h"
 #include "support/wait_until.h"
 #include "util/log.h"
 
@@ -160,19 +161,14 @@ TEST(DetachedTasks, NoTaskIsLostWhenIdleThreadsEndAtTheSameMoment) {
 TEST(DetachedTasks, TakeTasksFromManyThreadsAndFromTasks) {
     DetachedTasks tasks(std::chrono::milliseconds(1));
     std::atomic<int> ran = 0;
-    {
-        std::vector<std::jthread> callers;
-        for (int caller = 0; caller < 4; ++caller) {
-            callers.emplace_back([&] {
-                for (int i = 0; i < 300; ++i) {
-                    tasks.run("outer", [&] {
-                        tasks.run("inner", [&] { ++ran; });
-                        ++ran;
-                    });
-                }
+    test::runOnThreads(4, [&](std::size_t) {
+        for (int i = 0; i < 300; ++i) {
+            tasks.run("outer", [&] {
+                tasks.run("inner", [&] { ++ran; });
+                ++ran;
             });
         }
-    }
+    });
 
     EXPECT_TRUE(tasks.waitUntilIdle(kGenerousLimit));
     EXPECT_EQ(ran, 2 * 4 * 300);

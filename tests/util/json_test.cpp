@@ -56,7 +56,7 @@ TEST(ParseJson, TakesNestingUpToTheLimit) {
 }
 
 TEST(ParseJson, CountsNoBracketsInStrings) {
-    const std::string brackets(2 * kMaxJsonDepth, '[');
+    const std::string brackets(std::size_t{2} * kMaxJsonDepth, '[');
     EXPECT_EQ(parseJson("\"" + brackets + "\""), brackets);
     EXPECT_EQ(parseJson("\"\\\"" + brackets + "\""), "\"" + brackets);
     EXPECT_THROW(parseJson("[\"\\\\\"," + nested(kMaxJsonDepth) + "]"), std::invalid_argument);
