@@ -33,6 +33,11 @@ void restoreModeWhileStopped(int signalNumber) {
     usual.sa_handler = SIG_DFL;
     sigaction(signalNumber, &usual, &handled);
     raise(signalNumber);
+    // Where signals are held back while a handler runs, this one has its effect only now.
+    sigset_t raised;
+    sigemptyset(&raised);
+    sigaddset(&raised, signalNumber);
+    pthread_sigmask(SIG_UNBLOCK, &raised, nullptr);
     // Here the process has been continued.
     sigaction(signalNumber, &handled, nullptr);
     tcsetattr(STDIN_FILENO, TCSANOW, &hiddenMode);

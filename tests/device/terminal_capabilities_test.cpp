@@ -252,6 +252,8 @@ TEST_F(TerminalCapabilities, WaitingTellsWhetherTheCommandFinished) {
 }
 
 TEST_F(TerminalCapabilities, WaitingTellsThatACommandFinishedWhichCouldNotBeStarted) {
+    // UndefinedBehaviorSanitizer needs pipes too, when it meets a type for the first time.
+    waitFor(startInBackground("true"));
     withRefusedCalls({{SYS_pipe2, EMFILE}}, [this] {
         const json result = waitFor(startInBackground("true"));
 

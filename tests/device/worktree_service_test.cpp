@@ -2,10 +2,8 @@
 
 #include <gmock/gmock.h>
 
-#include <atomic>
-#include <thread>
-
 #include "device/worktree_fixture.h"
+#include "support/run_on_threads.h"
 #include "util/json.h"
 #include "util/log.h"
 
@@ -112,20 +110,10 @@ TEST_F(Worktrees, ADirectoryThatIsNoRepositoryIsRefusedAndNothingIsLeftBehind) {
 }
 
 TEST_F(Worktrees, EightTreesMayExistAndTheNinthIsRefusedUntilOneIsReturned) {
-    std::vector<std::jthread> creators;
-    std::atomic<int> created = 0;
-    for (int count = 0; count < 8; ++count) {
-        creators.emplace_back([&] {
-            const auto result = service_.create(source_, "", 0);
-            if (result.ok) {
-                ++created;
-            } else {
-                ADD_FAILURE() << result.error;
-            }
-        });
-    }
-    creators.clear();
-    EXPECT_EQ(created, 8);
+    runOnThreads(8, [this](std::size_t) {
+        const auto result = service_.create(source_, "", 0);
+        EXPECT_TRUE(result.ok) << result.error;
+    });
     EXPECT_THAT(service_.list(), SizeIs(8));
     EXPECT_THAT(savedTable(), SizeIs(8));
 

@@ -126,9 +126,9 @@ TEST_F(Commands, ATaskSeesNoOtherTasksCommands) {
 }
 
 TEST_F(Commands, AStopLeavesNoProcessBehind) {
-    std::vector<pid_t> processes;
-    for (int i = 0; i < 20; ++i)
-        processes.push_back(startSleeper("pid" + std::to_string(i)).second);
+    std::vector<pid_t> processes(20);
+    for (std::size_t i = 0; i < processes.size(); ++i)
+        processes[i] = startSleeper("pid" + std::to_string(i)).second;
 
     expectOrderlyStop(*executor_);
 

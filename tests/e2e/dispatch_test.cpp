@@ -155,7 +155,7 @@ TEST_F(Dispatch, MetricsAreASnapshotOfTheDevice) {
     const auto reply = replyTo({{"type", "metricsRequest"}});
 
     EXPECT_EQ(reply.at("type"), "metricsResult");
-    const json data = reply.at("data");
+    const json& data = reply.at("data");
     EXPECT_EQ(data.at("node").at("nodeId"), home_.dataFile("instance-id"));
     EXPECT_EQ(data.at("node").at("version"), "3.0.1-native");
     EXPECT_EQ(data.at("cpu").at("systemLoadPct"), 0) << "the first request has nothing to compare with";

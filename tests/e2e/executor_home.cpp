@@ -43,7 +43,7 @@ FinishedRun ExecutorHome::runToEnd(const ProcessSetup& setup) {
 }
 
 std::filesystem::path ExecutorHome::addWorkspace(const std::string& id, const std::string& permission) {
-    const auto path = home() / "workspaces" / id;
+    auto path = home() / "workspaces" / id;
     std::filesystem::create_directories(path);
     workspaces_.push_back(
         {{"id", id}, {"label", "label of " + id}, {"hostPath", path.string()}, {"permission", permission}});

@@ -67,15 +67,6 @@ unsigned long flagsOf(int descriptor) {
 }
 
 /// How many times this thread has called write().
-std::uint64_t writeCalls() {
-    std::ifstream counters("/proc/thread-self/io");
-    for (std::string line; std::getline(counters, line);) {
-        if (line.starts_with("syscw:")) return std::stoull(line.substr(6));
-    }
-    ADD_FAILURE() << "no counter";
-    return 0;
-}
-
 std::ptrdiff_t countDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
@@ -237,6 +228,17 @@ TEST_F(JournalLock, NoFileStaysOpenBetweenCalls) {
     expectNoneMore("removal");
 }
 
+#if !defined(__SANITIZE_ADDRESS__)
+// UndefinedBehaviorSanitizer, which comes with it, writes into a pipe to see whether memory can be read.
+std::uint64_t writeCalls() {
+    std::ifstream counters("/proc/thread-self/io");
+    for (std::string line; std::getline(counters, line);) {
+        if (line.starts_with("syscw:")) return std::stoull(line.substr(6));
+    }
+    ADD_FAILURE() << "no counter";
+    return 0;
+}
+
 TEST_F(JournalLock, ABatchIsWrittenByOneWrite) {
     std::uint64_t last = 0;
     const auto expectOneWrite = [&](std::size_t contentBytes) {
@@ -252,6 +254,7 @@ TEST_F(JournalLock, ABatchIsWrittenByOneWrite) {
     std::ofstream(hasty.fileOf("new"), std::ios::app) << "torn";
     expectOneWrite(10);
 }
+#endif
 
 }  // namespace
 }  // namespace qm
