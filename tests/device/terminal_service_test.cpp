@@ -281,10 +281,9 @@ TEST(TerminalService, EveryWaiterWakesWhenTheCommandEnds) {
         return exited("");
     });
     const std::string id = start(terminal, "x");
-    std::vector<std::future<bool>> waiters;
-    for (int index = 0; index < 8; ++index) {
-        waiters.push_back(std::async(std::launch::async, [&] { return terminal.waitFor(id, INT64_MAX, kNoStop, ""); }));
-    }
+    std::vector<std::future<bool>> waiters(8);
+    for (auto& waiter : waiters)
+        waiter = std::async(std::launch::async, [&] { return terminal.waitFor(id, INT64_MAX, kNoStop, ""); });
 
     go.set_value();
 
@@ -433,9 +432,9 @@ TEST(TerminalService, AShutdownEndsHundredsOfCommandsWithTheirWaitersAndStarters
     steady_clock::time_point begin;
     {
         TerminalService terminal;
-        std::vector<std::string> ids;
-        for (int index = 0; index < kCommands; ++index)
-            ids.push_back(start(terminal, "sleep 100 & sleep 100"));
+        std::vector<std::string> ids(kCommands);
+        for (auto& id : ids)
+            id = start(terminal, "sleep 100 & sleep 100");
         std::vector<std::jthread> threads;
         threads.reserve(24);
         for (int index = 0; index < 20; ++index) {
@@ -473,10 +472,10 @@ TEST(TerminalService, HundredsOfCommandsLeaveNoThreadAndNoDescriptor) {
     const std::size_t threads = entriesOf("/proc/self/task");
     const std::size_t descriptors = entriesOf("/proc/self/fd");
     TerminalService terminal;
-    std::vector<std::string> ids;
+    std::vector<std::string> ids(500);
 
-    for (int index = 0; index < 500; ++index)
-        ids.push_back(start(terminal, "sleep 0.05; echo done"));
+    for (auto& id : ids)
+        id = start(terminal, "sleep 0.05; echo done");
     for (const std::string& id : ids)
         EXPECT_EQ(endOf(terminal, id)["stdout"], "done\n");
 

@@ -42,7 +42,7 @@ protected:
     }
 
     fs::path secondRepository() {
-        const fs::path second = in("second");
+        fs::path second = in("second");
         git({"clone", "-q", ".", second.string()});
         return second;
     }
